@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "krfilter/krfilter.h"
+
+namespace {
+
+const FILTERLIST* find(const char* name) {
+    for (const FILTERLIST* f = filterlist; std::strcmp(f->name, "#") != 0; ++f)
+        if (std::strcmp(f->name, name) == 0) return f;
+    return nullptr;
+}
+
+std::vector<const FILTERPARAM*> params_of(const char* name) {
+    std::vector<const FILTERPARAM*> out;
+    for (const FILTERPARAM* p = find(name)->params; std::strcmp(p->name, "#") != 0; ++p) out.push_back(p);
+    return out;
+}
+
+TEST(Catalogue, ListsThirtySixFiltersInOrderThenTerminator) {
+    const std::vector<std::string> expected = {
+        "gamma", "gammalog", "gammaporion", "sigma", "equalize", "mean2D", "despeckle", "median2D",
+        "pseudo-median2D", "SMF", "ADF", "bilateral_filter", "unsharp", "emboss", "reverse", "colorize",
+        "linear", "gammalin", "SpineCompensation", "SpineCompensation2", "SpineCompensation3", "IsoDensity",
+        "LL-UL", "ShannonStretching", "ECE", "ECE2", "rain", "flip", "advancedsmoothing", "advancedsmoothing2",
+        "ContrastCorrection", "testRUM", "RUM", "supereq", "supereq_pre", "gaussian"};
+    std::vector<std::string> names;
+    const FILTERLIST* f = filterlist;
+    for (; std::strcmp(f->name, "#") != 0; ++f) {
+        names.push_back(f->name);
+        EXPECT_EQ(f->reserved, 0u);
+        ASSERT_NE(f->params, nullptr) << f->name;
+    }
+    EXPECT_EQ(names, expected);
+    EXPECT_EQ(f->params, nullptr);
+    EXPECT_EQ(f->reserved, 0u);
+}
+
+TEST(Catalogue, SharedDescriptorArrays) {
+    EXPECT_EQ(find("ECE")->params, find("ECE2")->params);
+    EXPECT_EQ(find("advancedsmoothing")->params, find("advancedsmoothing2")->params);
+}
+
+TEST(Catalogue, BoundsAreFloatsWidenedToDouble) {
+    const auto gamma = params_of("gamma");
+    ASSERT_EQ(gamma.size(), 1u);
+    EXPECT_EQ(gamma[0]->min, 0.20000000298023224);
+    EXPECT_NE(gamma[0]->min, 0.2);
+    EXPECT_EQ(params_of("median2D")[0]->max, static_cast<double>(987.987f));
+    EXPECT_EQ(params_of("SpineCompensation3")[1]->def, static_cast<double>(0.98f));
+}
+
+TEST(Catalogue, TypesSizesAndPeculiarNames) {
+    const auto unsharp = params_of("unsharp");
+    ASSERT_EQ(unsharp.size(), 2u);
+    EXPECT_STREQ(unsharp[0]->name, "Intensity ");
+    EXPECT_EQ(unsharp[0]->type, PARAM_DOUBLE);
+    EXPECT_EQ(unsharp[0]->size, 8);
+    EXPECT_EQ(unsharp[1]->type, PARAM_INT);
+    EXPECT_EQ(unsharp[1]->size, 4);
+
+    const auto sigma = params_of("sigma");
+    ASSERT_EQ(sigma.size(), 2u);
+    EXPECT_STREQ(sigma[0]->name, "Sigma");
+    EXPECT_STREQ(sigma[1]->name, "Sigma");
+
+    const auto bilateral = params_of("bilateral_filter");
+    EXPECT_EQ(bilateral[1]->type, PARAM_INT);
+    EXPECT_EQ(bilateral[1]->def, 1300.0);
+
+    EXPECT_EQ(params_of("advancedsmoothing")[0]->type, PARAM_FLOAT);
+    EXPECT_EQ(params_of("supereq_pre").size(), 11u);
+    EXPECT_STREQ(params_of("supereq_pre")[10]->name, "enablePost");
+    EXPECT_EQ(params_of("gaussian")[0]->def, 5.0);
+    EXPECT_TRUE(params_of("equalize").empty());
+
+    const auto shannon = params_of("ShannonStretching");
+    ASSERT_EQ(shannon.size(), 6u);
+    EXPECT_STREQ(shannon[3]->name, "Down Border");
+    EXPECT_EQ(shannon[0]->def, static_cast<double>(0.05f));
+
+    const FILTERPARAM* end = find("gamma")->params + 1;
+    EXPECT_STREQ(end->name, "#");
+    EXPECT_EQ(end->type, PARAM_END);
+    EXPECT_EQ(end->size, 0);
+}
+
+TEST(Catalogue, GetInformationIsAStub) { EXPECT_EQ(GetInformation(5, nullptr), 0ul); }
+
+}  // namespace
