@@ -200,6 +200,9 @@ bool encode_png(PngFile& f, int height, int width, int depth, int colour, int sb
         sbit.gray = static_cast<png_byte>(sbit_bits);
         png_set_sBIT(f.png, f.info, &sbit);
     }
+    // Noisy 16-bit radiographs hardly compress better at zlib's default level
+    // (about 2 % smaller) but take three to four times as long to write.
+    png_set_compression_level(f.png, 3);
     png_write_info(f.png, f.info);
     if (depth == 16 && std::endian::native == std::endian::little) png_set_swap(f.png);
     png_write_image(f.png, f.rows.data());

@@ -167,8 +167,9 @@ int run_command(const RunRequest& request) {
         problem = write_grey_image(request.output, run.grey);
     }
     if (!problem.empty()) return failure(request.output + ": " + problem);
-    std::printf("%s: %s -> %s (%d x %d, white %d from %s) in %.0f ms\n", filter->name, request.input.c_str(),
-                request.output.c_str(), input.width, input.height, white, white_origin.c_str(), run.milliseconds);
+    std::printf("%s (%s): %s -> %s (%d x %d, white %d from %s) in %.0f ms\n", filter->name,
+                params.summary().c_str(), request.input.c_str(), request.output.c_str(), input.width, input.height,
+                white, white_origin.c_str(), run.milliseconds);
     return 0;
 }
 

@@ -3,6 +3,7 @@
 #include "image_io.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -19,8 +20,10 @@ namespace fs = std::filesystem;
 class ImageFiles : public ::testing::Test {
 protected:
     void SetUp() override {
+        // Unique per process: several builds may run their tests at once.
         folder_ = fs::temp_directory_path() /
-                  ("krfilter-io-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+                  ("krfilter-io-" + std::to_string(getpid()) + "-" +
+                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(folder_);
         fs::create_directories(folder_);
     }
