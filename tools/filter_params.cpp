@@ -202,7 +202,8 @@ std::string ParameterSet::assign(const std::vector<std::string>& assignments) {
 
 std::string ParameterSet::parse_into(std::size_t index, const std::string& text) {
     const FILTERPARAM& p = *params_[index];
-    const std::string what = "value \"" + text + "\" for \"" + p.name + "\" (" + type_name(p.type) + ")";
+    const std::string what = "value \"" + text + "\" for \"" + p.name + "\" (" + type_name(p.type) +
+                             ", catalogue range " + format_number(p.min) + " to " + format_number(p.max) + ")";
     // An explicit plus sign is fine; blanks, trailing characters and hex are not.
     const char* begin = text.data() + (text.size() > 1 && text[0] == '+' && text[1] != '-' ? 1 : 0);
     const char* end = text.data() + text.size();
