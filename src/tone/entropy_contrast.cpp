@@ -36,11 +36,11 @@ int entropy_contrast(Rows src, Rows dst, int height, int width, int white, int g
 
     const double n = static_cast<double>(levels);
     const double w = white;
-    std::int32_t band_lo = truncate_to_int32(n * params.din_low_th + 0.5);
-    std::int32_t band_hi = truncate_to_int32(n * params.din_high_th + 0.5);
-    if (band_hi == levels) band_hi = white;
+    const std::int32_t band_lo = truncate_to_int32(n * params.din_low_th + 0.5);
+    const std::int32_t band_hi = truncate_to_int32(n * params.din_high_th + 0.5);
     // Levels outside 0 ... white hold no samples; the band is cut to the
-    // histogram rather than read past it.
+    // histogram rather than read past it (which also pulls an end of N,
+    // from din_high_th = 1, back to white).
     const int first = std::max(band_lo, 0);
     const int last = std::min(band_hi, white);
 

@@ -64,6 +64,15 @@ TEST(ShannonStretching, BordersSelectTheMeasuredRegion) {
     EXPECT_EQ(out.at(0, 0), 500);  // (400 - 200) × 1000 / 400
     EXPECT_EQ(out.at(2, 3), 0);     // 200
     EXPECT_EQ(out.at(2, 4), 1000);  // 601
+    // The shares are exactly 0.5 from 200 to 600: a threshold equal to a
+    // share is passed by the lower cut and stops the upper one.
+    int code = 0;
+    Params lower_equal = shannon_params(0.5, 0.75, 2, 5, 3, 7);  // window [601, 600]
+    filtered("ShannonStretching", in, 1000, &lower_equal, &code);
+    EXPECT_EQ(code, -3);
+    Params upper_equal = shannon_params(0.25, 0.5, 2, 5, 3, 7);  // window [200, 199]
+    filtered("ShannonStretching", in, 1000, &upper_equal, &code);
+    EXPECT_EQ(code, -3);
     // Any other reading of the four borders takes 900s into the region.
     for (auto [up, down, left, right] : {std::array{5, 2, 3, 7}, std::array{3, 7, 2, 5}, std::array{2, 5, 7, 3}}) {
         Params q = shannon_params(0.25, 0.75, up, down, left, right);
