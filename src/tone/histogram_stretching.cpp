@@ -63,7 +63,7 @@ int shannon_stretching(Rows src, Rows dst, int height, int width, int white, Bor
         const Region region = region_inside(height, width, borders);
         Raster crop;
         if (const int code = crop.allocate(region.rows, region.cols); code != 0) return code;
-        for (int r = 0; r < region.rows; ++r)
+        for (int r = 0; region.cols > 0 && r < region.rows; ++r)
             std::memcpy(crop[r], src[region.first_row + r] + region.first_col,
                         static_cast<std::size_t>(region.cols) * sizeof(Sample));
         count_histogram(crop.rows(), region.rows, region.cols, white, hist.get());
