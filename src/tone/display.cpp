@@ -128,7 +128,8 @@ void paint_row(const Sample* levels, unsigned char* out, int width) {
             std::memcpy(out + 3 * static_cast<std::size_t>(c) + 8, &last4, 4);
         }
     }
-    for (; c < width; ++c) std::memcpy(out + 3 * static_cast<std::size_t>(c), kPalette[palette_index(levels[c])].data(), 3);
+    for (; c < width; ++c)
+        std::memcpy(out + 3 * static_cast<std::size_t>(c), kPalette[palette_index(levels[c])].data(), 3);
 }
 
 // Writes the colour of every level into the RGB buffer, pixel (r, c) at byte

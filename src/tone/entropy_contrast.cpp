@@ -29,8 +29,8 @@ int entropy_contrast(Rows src, Rows dst, int height, int width, int white, int g
     // leaves the scratch image black and the gamma stage still runs on it.
     // Running out of memory does stop it, with the output untouched, as
     // everywhere else in the library.
-    const int stretch = shannon_stretching(src, stretched.rows(), height, width, white, params.borders,
-                                           params.low_th, params.high_th);
+    const int stretch =
+        shannon_stretching(src, stretched.rows(), height, width, white, params.borders, params.low_th, params.high_th);
     if (stretch == kNoBuffer || stretch == kNoRowArray) return stretch;
     count_histogram(stretched.rows(), height, width, white, hist.get());
 

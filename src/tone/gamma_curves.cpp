@@ -12,7 +12,8 @@ namespace krf::tone {
 int gamma_curve(Rows src, Rows dst, int height, int width, int white, double gamma) noexcept {
     return run_table(src, dst, height, width, white, [&](Sample* table) {
         const double scale = std::pow(static_cast<double>(white), 1.0 - gamma);
-        for (int i = 0; i <= white; ++i) table[i] = to_table_entry(std::pow(static_cast<double>(i), gamma) * scale + 0.5);
+        for (int i = 0; i <= white; ++i)
+            table[i] = to_table_entry(std::pow(static_cast<double>(i), gamma) * scale + 0.5);
         return 0;
     });
 }
@@ -43,9 +44,8 @@ int gammalog_curve(Rows src, Rows dst, int height, int width, int white, double 
     const double toe_gain = w / log_range;
     return run_table(src, dst, height, width, white, [&](Sample* table) {
         int i = 0;
-        // knee = 0.47 × levels stays below `levels`, so the toe never passes the table's end.
-        if (knee >= 0)
-            for (; i <= knee; ++i) table[i] = to_table_entry(std::log(i / toe_scale + 1.0) * toe_gain);
+        // The knee (0.47 × levels) lies inside the table, so the toe never passes its end.
+        for (; i <= knee; ++i) table[i] = to_table_entry(std::log(i / toe_scale + 1.0) * toe_gain);
         // The shoulder's exponent grows with the level itself.
         for (; i < levels; ++i) table[i] = to_table_entry(std::pow(i / w, i / exponent_scale) * w);
         return 0;

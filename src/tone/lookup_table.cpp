@@ -12,9 +12,9 @@
 
 namespace krf::tone {
 
-// The loads of the table are the cost; clamping a block of samples first
-// lets the compiler do the clamps as one vector operation, and the lookups
-// of the block stay independent of each other.
+// The reference kernel, and the one used where no vector kernel exists. The
+// loads of the table are the cost; clamping a block of samples first keeps
+// the lookups of the block independent of each other.
 void apply_table_row_portable(const Sample* src, Sample* dst, std::int64_t width, Sample white,
                               const Sample* table) noexcept {
     constexpr int kBlock = 16;

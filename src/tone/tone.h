@@ -81,8 +81,7 @@ constexpr int kInvertedWindow = -3;
 int ll_ul_window(Rows src, Rows dst, int height, int width, int white, double low, double high) noexcept;
 int gammalin_window(Rows src, Rows dst, int height, int width, int white, double gamma, double low,
                     double high) noexcept;
-int linear_window(Rows src, Rows dst, int height, int width, int white, double brightness,
-                  double contrast) noexcept;
+int linear_window(Rows src, Rows dst, int height, int width, int white, double brightness, double contrast) noexcept;
 
 // ---- Histogram stretching (histogram_stretching.cpp) ----
 int equalize(Rows src, Rows dst, int height, int width, int white) noexcept;

@@ -63,8 +63,7 @@ int gammalin_window(Rows src, Rows dst, int height, int width, int white, double
     });
 }
 
-int linear_window(Rows src, Rows dst, int height, int width, int white, double brightness,
-                  double contrast) noexcept {
+int linear_window(Rows src, Rows dst, int height, int width, int white, double brightness, double contrast) noexcept {
     // Out-of-range controls are clamped; a NaN control stays NaN and falls
     // through the conversion rule (a NaN contrast selects none of the three
     // cases below and leaves the identity window).
@@ -75,14 +74,15 @@ int linear_window(Rows src, Rows dst, int height, int width, int white, double b
     // The brightness and contrast terms are truncated separately, not their sum.
     if (c < 0) {
         const std::int64_t range = truncate_to_int32((c + 1.0) * w);
-        const std::int64_t offset =
-            std::int64_t{truncate_to_int32(w * b * -0.5)} - truncate_to_int32(static_cast<double>(white - range) * -0.5);
+        const std::int64_t offset = std::int64_t{truncate_to_int32(w * b * -0.5)} -
+                                    truncate_to_int32(static_cast<double>(white - range) * -0.5);
         out_lo = offset;
         out_hi = range + offset;
         fill_hi = range + offset;
     } else if (c > 0) {
         const std::int64_t range = truncate_to_int32((1.0 - c) * w);
-        in_lo = std::int64_t{truncate_to_int32(w * b * 0.5)} - truncate_to_int32(static_cast<double>(white - range) * -0.5);
+        in_lo =
+            std::int64_t{truncate_to_int32(w * b * 0.5)} - truncate_to_int32(static_cast<double>(white - range) * -0.5);
         in_hi = range + in_lo;
     } else if (c == 0) {
         in_lo = truncate_to_int32(w * b * 0.5);

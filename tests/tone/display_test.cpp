@@ -51,11 +51,12 @@ Rgb colours(Image in, int white, int* code = nullptr) {
 
 TEST(Colorize, PaletteRowsScalingAndFailures) {
     // White 255: samples are palette indices; 300 lies above white.
-    EXPECT_EQ(colours(row_of({0, 31, 32, 63, 64, 95, 127, 128, 159, 223, 255, 300}), 255),
-              (Rgb{{0, 0, 131}, {0, 0, 255}, {0, 4, 255}, {0, 128, 255}, {0, 131, 255}, {0, 255, 255},
-                   {128, 255, 128}, {131, 255, 124}, {255, 255, 0}, {255, 0, 0}, {128, 0, 0}, {128, 0, 0}}));
+    const Rgb telling = {{0, 0, 131},     {0, 0, 255},     {0, 4, 255},   {0, 128, 255}, {0, 131, 255}, {0, 255, 255},
+                         {128, 255, 128}, {131, 255, 124}, {255, 255, 0}, {255, 0, 0},   {128, 0, 0},   {128, 0, 0}};
+    EXPECT_EQ(colours(row_of({0, 31, 32, 63, 64, 95, 127, 128, 159, 223, 255, 300}), 255), telling);
     // Other white levels: trunc(i × 255 / white), so 2048 is level 127; white 0 has no range.
-    EXPECT_EQ(colours(row_of({4095, 2048, 5000, 0}), 4095), (Rgb{{128, 0, 0}, {128, 255, 128}, {128, 0, 0}, {0, 0, 131}}));
+    EXPECT_EQ(colours(row_of({4095, 2048, 5000, 0}), 4095),
+              (Rgb{{128, 0, 0}, {128, 255, 128}, {128, 0, 0}, {0, 0, 131}}));
     EXPECT_EQ(colours(row_of({0, 9, 65535}), 0), (Rgb(3, {0, 0, 131})));
     int code = -1;
     EXPECT_TRUE(colours(Image(0, 5), 4095, &code).empty());

@@ -32,7 +32,8 @@ TEST(Ece, BandOfTheDefaultsAndTheExponentCap) {
     // weights, and becomes W × t^(-1/ln t) = W / e. An empty band gives 0/0: all 0.
     for (int level : {1023, 1024, 3072, 3073})
         EXPECT_NEAR(filtered("ECE", Image(2, 3, level), 4095, band(0.25, 0.75)).at(1, 2),
-                    level >= 1024 && level <= 3072 ? 4095 / M_E : 0.0, 1) << level;
+                    level >= 1024 && level <= 3072 ? 4095 / M_E : 0.0, 1)
+            << level;
     // din_high_th 1 ends the band at white; -1/ln(3700/4095) = 9.9 is capped.
     EXPECT_NEAR(filtered("ECE2", with_one(100, 3700), 4095, band(0.5, 1.0)).at(0, 0), gamma_of(3700, 4.0), 1);
     // Levels 1 ... 205: -1/ln(146/4095) = 0.3 is kept.

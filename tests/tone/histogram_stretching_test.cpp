@@ -48,10 +48,12 @@ TEST(ShannonStretching, BordersThresholdsAndTheHandOverToLlUl) {
 
 TEST(ShannonStretching, EmptyRegionsAndThresholdsBeyondTheRange) {
     const Image in = phantom(12, 10, 4095);
-    auto run = [&](double low, double high, std::array<int, 4> b) { return filtered("ShannonStretching", in, 4095, shannon(low, high, b)); };
+    auto run = [&](double low, double high, std::array<int, 4> b) {
+        return filtered("ShannonStretching", in, 4095, shannon(low, high, b));
+    };
     EXPECT_FALSE(run(0.05, 0.95, {0, 0, 0, 0}) == in);
     EXPECT_TRUE(run(0.05, 0.95, {-4, -4, -4, -4}) == run(0.05, 0.95, {0, 0, 0, 0}));  // negative: no border
-    EXPECT_TRUE(run(0.05, 0.95, {6, 6, 0, 0}) == in);  // no region: identity window
+    EXPECT_TRUE(run(0.05, 0.95, {6, 6, 0, 0}) == in);                                 // no region: identity window
     EXPECT_TRUE(run(0.05, 0.95, {99, 99, 99, 99}) == in);
     const Image top = run(1.5, 2.0, {0, 0, 0, 0});  // low_th >= 1 cuts at the last level: window [W, W]
     for (int i = 0; i < 120; ++i) ASSERT_EQ(top.samples()[i], in.samples()[i] == 4095 ? 4095 : 0);

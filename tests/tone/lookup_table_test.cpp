@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <random>
+#include <string>
 
 #include "tone/tone.h"
 #include "tone/tone_testing.h"
@@ -10,6 +11,10 @@ namespace {
 
 using namespace krf::tone;
 using krf::test::Image;
+
+const char* const kToneFilters[] = {"gamma",    "gammalog",          "sigma",   "LL-UL", "linear",
+                                    "gammalin", "ShannonStretching", "ECE",     "ECE2",  "flip",
+                                    "equalize", "reverse",           "colorize"};
 
 TEST(TruncatingConversion, BehavesLikeTheProcessorInstruction) {
     EXPECT_EQ(truncate_to_int32(-2.99), -2);
@@ -50,8 +55,11 @@ TEST(HistogramCounter, CountsEverySampleAtMinOfSampleAndWhite) {
 
 TEST(ToneDispatch, OnlyEqualizeReverseAndColorizeAcceptNullParameters) {
     Image in(2, 2, 9), out(2, 2);
-    for (const char* name : {"gamma", "gammalog", "sigma", "LL-UL", "linear", "gammalin", "ShannonStretching", "ECE", "ECE2", "flip", "equalize", "reverse", "colorize"})
-        EXPECT_EQ(krf::test::run_filter(name, in, out, 4095, nullptr), name[0] == 'e' || name[0] == 'r' || name[0] == 'c' ? 0 : -2) << name;
+    for (const char* name : kToneFilters) {
+        const bool optional =
+            std::string(name) == "equalize" || std::string(name) == "reverse" || std::string(name) == "colorize";
+        EXPECT_EQ(krf::test::run_filter(name, in, out, 4095, nullptr), optional ? 0 : -2) << name;
+    }
 }
 
 // Empty and negative sizes, white levels 0 and 1, and NaN, huge or
@@ -59,14 +67,16 @@ TEST(ToneDispatch, OnlyEqualizeReverseAndColorizeAcceptNullParameters) {
 TEST(ToneDispatch, DegenerateSizesWhitesAndParametersStaySafe) {
     for (double fill : {0.0, 0.999, 1.5, -7.0, std::nan(""), 1e300, -1e300})
         for (int white : {0, 1, 4095})
-            for (auto [height, width] : {std::pair{0, 3}, std::pair{3, 0}, std::pair{-2, 3}, std::pair{1, 1}, std::pair{2, 3}}) {
+            for (auto [height, width] :
+                 {std::pair{0, 3}, std::pair{3, 0}, std::pair{-2, 3}, std::pair{1, 1}, std::pair{2, 3}}) {
                 double values[10];
                 void* params[10];
                 for (int k = 0; k < 10; ++k) values[k] = fill, params[k] = &values[k];
-                for (const char* name : {"gamma", "gammalog", "sigma", "LL-UL", "linear", "gammalin", "ShannonStretching", "ECE", "ECE2", "flip", "equalize", "reverse", "colorize"}) {
+                for (const char* name : kToneFilters) {
                     Image in(height, width, 5000), out(height, width);
                     const int code = krf::test::run_filter(name, in, out, white, params);
-                    EXPECT_TRUE(code == 0 || code == -3) << name << " " << fill << " " << white << " " << height << "x" << width;
+                    EXPECT_TRUE(code == 0 || code == -3)
+                        << name << " " << fill << " " << white << " " << height << "x" << width;
                 }
             }
 }
