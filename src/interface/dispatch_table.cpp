@@ -5,6 +5,7 @@
 // other name is refused with -3.
 #include "interface/dispatch.h"
 #include "platform/platform.h"
+#include "tone/tone.h"
 
 namespace krf {
 namespace {
@@ -16,10 +17,37 @@ int iso_density(const FilterCall& call, void**) {
     return 1;
 }
 
+// "ECE" and "ECE2" decode alike and differ only in the weighting flag.
+int entropy_contrast_entry(const FilterCall& c, void** p, int gaussian_weights) {
+    const tone::EntropyContrastParams params{
+        {int_param(p, 6), int_param(p, 7), int_param(p, 8), int_param(p, 9)},
+        double_param(p, 0), double_param(p, 1), double_param(p, 2), double_param(p, 3),
+        double_param(p, 4), double_param(p, 5)};
+    return tone::entropy_contrast(c.src, c.dst, c.height, c.width, c.white, gaussian_weights, params);
+}
+
 }  // namespace
 
 const DispatchEntry dispatch_table[] = {
+    {"gamma", true, [](const FilterCall& c, void** p) { return tone::gamma_curve(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0)); }},
+    {"gammalog", true, [](const FilterCall& c, void** p) { return tone::gammalog_curve(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0)); }},
+    {"sigma", true, [](const FilterCall& c, void** p) { return tone::sigma_curve(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1)); }},
+    {"LL-UL", true, [](const FilterCall& c, void** p) { return tone::ll_ul_window(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1)); }},
+    {"linear", true, [](const FilterCall& c, void** p) { return tone::linear_window(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1)); }},
+    {"gammalin", true, [](const FilterCall& c, void** p) { return tone::gammalin_window(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1), double_param(p, 2)); }},
+    {"ShannonStretching", true, [](const FilterCall& c, void** p) { return tone::shannon_stretching(c.src, c.dst, c.height, c.width, c.white, {int_param(p, 2), int_param(p, 3), int_param(p, 4), int_param(p, 5)}, double_param(p, 0), double_param(p, 1)); }},
+    {"ECE", true, [](const FilterCall& c, void** p) { return entropy_contrast_entry(c, p, 0); }},
+    {"ECE2", true, [](const FilterCall& c, void** p) { return entropy_contrast_entry(c, p, 1); }},
+    {"equalize", false, [](const FilterCall& c, void**) { return tone::equalize(c.src, c.dst, c.height, c.width, c.white); }},
+    {"reverse", false, [](const FilterCall& c, void**) { return tone::reverse(c.src, c.dst, c.height, c.width, c.white); }},
+    {"colorize", false, [](const FilterCall& c, void**) {
+        // The buffer's own code is not consulted: a missing buffer reaches the handler as null.
+        unsigned char* rgb = nullptr;
+        c.in->GetRGBVector(&rgb);
+        return tone::colorize(c.src, rgb, c.height, c.width, c.white);
+    }},
     {"IsoDensity", true, iso_density},
+    {"flip", true, [](const FilterCall& c, void** p) { return tone::flip(c.src, c.dst, c.height, c.width, 0, int_param(p, 0) != 0 ? 1 : 0, int_param(p, 1) != 0 ? 1 : 0); }},
 };
 
 const std::size_t dispatch_table_size = sizeof dispatch_table / sizeof dispatch_table[0];

@@ -1,0 +1,168 @@
+// "reverse", "flip" and "colorize": transforms for showing an image, not for
+// measuring on it.
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <utility>
+
+#include "tone/tone.h"
+
+namespace krf::tone {
+
+int reverse(Rows src, Rows dst, int height, int width, int white) noexcept {
+    // 16-bit arithmetic on purpose: a sample above white wraps around
+    // (white 4095, sample 5000 gives 64631) rather than clamping to black.
+    const Sample top = static_cast<Sample>(white);
+    for (int r = 0; r < height; ++r) {
+        const Sample* in = src[r];
+        Sample* out = dst[r];
+        for (int c = 0; c < width; ++c) out[c] = static_cast<Sample>(top - in[c]);
+    }
+    return 0;
+}
+
+namespace {
+
+void reverse_row_in_place(Sample* row, int width) { std::reverse(row, row + width); }
+
+// Hosts that pass one image as both input and output get the flipped image
+// too, instead of rows overwritten before they were read: mirrored pairs of
+// rows are swapped, each pair read before it is written.
+void flip_in_place(Rows rows, int height, int width, bool horizontal, bool vertical) {
+    if (!vertical) {
+        if (horizontal)
+            for (int r = 0; r < height; ++r) reverse_row_in_place(rows[r], width);
+        return;
+    }
+    for (int r = 0, mirror = height - 1; r <= mirror; ++r, --mirror) {
+        Sample* a = rows[r];
+        Sample* b = rows[mirror];
+        if (r == mirror) {
+            if (horizontal) reverse_row_in_place(a, width);
+        } else if (horizontal) {
+            for (int c = 0; c < width; ++c) std::swap(a[c], b[width - 1 - c]);
+        } else {
+            std::swap_ranges(a, a + width, b);
+        }
+    }
+}
+
+}  // namespace
+
+int flip(Rows src, Rows dst, int height, int width, int /*ignored*/, int horizontal, int vertical) noexcept {
+    if (src == dst) {
+        flip_in_place(src, height, width, horizontal != 0, vertical != 0);
+        return 0;
+    }
+    for (int r = 0; r < height; ++r) {
+        const Sample* in = src[r];
+        Sample* out = dst[vertical ? height - 1 - r : r];
+        if (horizontal) {
+            for (int c = 0; c < width; ++c) out[width - 1 - c] = in[c];
+        } else if (width > 0) {
+            std::memcpy(out, in, static_cast<std::size_t>(width) * sizeof(Sample));
+        }
+    }
+    return 0;
+}
+
+namespace {
+
+// The blue-to-red palette. U rises in steps of 4 to 128, then in steps of 4
+// from 131 to 255, so both halves of each ramp end on a full byte.
+constexpr int ramp(int k) { return k <= 0 ? 0 : k <= 32 ? 4 * k : 4 * k - 1; }
+
+using Colour = std::array<unsigned char, 3>;
+
+constexpr std::array<Colour, 256> make_palette() {
+    std::array<Colour, 256> palette{};
+    for (int i = 0; i < 256; ++i) {
+        int red, green, blue;
+        if (i < 32) {
+            red = 0, green = 0, blue = ramp(i + 33);
+        } else if (i < 96) {
+            red = 0, green = ramp(i - 31), blue = 255;
+        } else if (i < 160) {
+            red = ramp(i - 95), green = 255, blue = ramp(159 - i);
+        } else if (i < 224) {
+            red = 255, green = ramp(223 - i), blue = 0;
+        } else {
+            red = ramp(287 - i), green = 0, blue = 0;
+        }
+        palette[i] = {static_cast<unsigned char>(red), static_cast<unsigned char>(green),
+                      static_cast<unsigned char>(blue)};
+    }
+    return palette;
+}
+
+constexpr std::array<Colour, 256> kPalette = make_palette();
+
+// The same colours as little-endian words (red in the low byte), so that four
+// pixels go out as one 8-byte and one 4-byte store instead of twelve bytes.
+constexpr std::array<std::uint32_t, 256> make_packed_palette() {
+    std::array<std::uint32_t, 256> packed{};
+    for (int i = 0; i < 256; ++i)
+        packed[i] = kPalette[i][0] | static_cast<std::uint32_t>(kPalette[i][1]) << 8 |
+                    static_cast<std::uint32_t>(kPalette[i][2]) << 16;
+    return packed;
+}
+
+constexpr std::array<std::uint32_t, 256> kPackedPalette = make_packed_palette();
+
+// Levels above 255 cannot come from the 8-bit copy; with white 255 they are
+// samples above white and show as white does.
+inline Sample palette_index(Sample level) { return std::min<Sample>(level, 255); }
+
+void paint_row(const Sample* levels, unsigned char* out, int width) {
+    int c = 0;
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; c + 4 <= width; c += 4) {
+            const std::uint64_t p0 = kPackedPalette[palette_index(levels[c])];
+            const std::uint64_t p1 = kPackedPalette[palette_index(levels[c + 1])];
+            const std::uint64_t p2 = kPackedPalette[palette_index(levels[c + 2])];
+            const std::uint32_t p3 = kPackedPalette[palette_index(levels[c + 3])];
+            const std::uint64_t first8 = p0 | p1 << 24 | p2 << 48;
+            const std::uint32_t last4 = static_cast<std::uint32_t>(p2 >> 16) | p3 << 8;
+            std::memcpy(out + 3 * static_cast<std::size_t>(c), &first8, 8);
+            std::memcpy(out + 3 * static_cast<std::size_t>(c) + 8, &last4, 4);
+        }
+    }
+    for (; c < width; ++c)
+        std::memcpy(out + 3 * static_cast<std::size_t>(c), kPalette[palette_index(levels[c])].data(), 3);
+}
+
+// Writes the colour of every level into the RGB buffer, pixel (r, c) at byte
+// (r × width + c) × 3, rows one after the other.
+void paint(Rows levels, unsigned char* rgb, int height, int width) {
+    for (int r = 0; r < height; ++r)
+        paint_row(levels[r], rgb + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * 3, width);
+}
+
+}  // namespace
+
+int colorize(Rows src, unsigned char* rgb, int height, int width, int white) noexcept {
+    if (height < 1 || width < 1) return 0;
+    // The buffer comes from the input image; when it could not be made there
+    // is nowhere to write, which is an exhausted-memory failure.
+    if (rgb == nullptr) return kNoBuffer;
+    if (white == 255) {
+        paint(src, rgb, height, width);
+        return 0;
+    }
+    Raster levels;
+    if (const int code = levels.allocate(height, width); code != 0) return code;
+    const int code = run_table(src, levels.rows(), height, width, white, [&](Sample* table) {
+        // A white level of 0 leaves no range to scale (0 × 255 / 0 has no
+        // value): like every undefined level of this library it shows as
+        // level 0, so the whole image takes the first palette colour.
+        if (white == 0) return 0;
+        for (int i = 0; i <= white; ++i) table[i] = to_table_entry(i * 255.0 / white);
+        return 0;
+    });
+    if (code != 0) return code;
+    paint(levels.rows(), rgb, height, width);
+    return 0;
+}
+
+}  // namespace krf::tone

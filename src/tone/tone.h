@@ -1,0 +1,111 @@
+// Grey-level transforms: tone curves through lookup tables, histogram-driven
+// stretching and the display transforms. What the family shares lives here:
+// the conversion every curve value goes through, the table applier, the
+// histogram counter, and the handlers that other handlers of the family call.
+#pragma once
+
+#include <cstdint>
+
+#include "interface/rows.h"
+#include "platform/memory.h"
+
+namespace krf::tone {
+
+// Curve values become integers the way the processor's truncating conversion
+// (cvttsd2si) makes them: toward zero inside the 32-bit range, and the
+// "integer indefinite" INT32_MIN for NaN, infinities and anything outside it.
+// A plain cast would be undefined there; with this, degenerate parameters
+// (NaN, a zero divisor, gamma <= 0, white levels that make a logarithm
+// negative) give one reproducible result instead of a corrected one.
+constexpr std::int32_t truncate_to_int32(double value) noexcept {
+    if (value > -2147483649.0 && value < 2147483648.0) return static_cast<std::int32_t>(value);
+    return INT32_MIN;
+}
+
+// A table entry keeps the low 16 bits of that conversion (so out-of-range
+// and non-finite values store 0).
+constexpr Sample to_table_entry(double value) noexcept {
+    return static_cast<Sample>(static_cast<std::uint32_t>(truncate_to_int32(value)) & 0xFFFFu);
+}
+
+// height × width as a 32-bit integer product, the pixel count the histogram
+// filters divide by. Beyond 2^31 samples it wraps instead of overflowing.
+constexpr std::int32_t pixel_count_32(int height, int width) noexcept {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(height) * static_cast<std::uint32_t>(width));
+}
+
+// ---- Lookup tables (lookup_table.cpp) ----
+
+// output[r][c] = table[min(input[r][c], white)] for the whole raster; the
+// table holds white + 1 entries. Returns 0; writes nothing when height < 1.
+// Input and output may be the same rows.
+int apply_table(Rows src, Rows dst, int height, int width, int white, const Sample* table) noexcept;
+
+// One row of the applier. The portable kernel is the reference; the active
+// kernel is the fastest one this processor runs. Both are reachable so that
+// a test can prove they agree sample for sample.
+using TableRowKernel = void (*)(const Sample* src, Sample* dst, std::int64_t width, Sample white,
+                                const Sample* table) noexcept;
+void apply_table_row_portable(const Sample* src, Sample* dst, std::int64_t width, Sample white,
+                              const Sample* table) noexcept;
+TableRowKernel active_table_row_kernel() noexcept;
+
+// Histogram counters: signed 32-bit, one per level 0 ... white.
+using Count = std::int32_t;
+
+// Clears counters 0 ... white, then counts every sample of the first `height`
+// rows and `width` columns at min(sample, white). Returns 0.
+int count_histogram(Rows rows, int height, int width, int white, Count* hist) noexcept;
+
+// The common shape of a point operation: allocate a zero-filled table of
+// white + 1 entries (1007100 when that fails), let `fill` compute it (a
+// non-zero code from fill stops the run with that code), apply it, release
+// it and return the applier's result.
+template <class Fill>
+int run_table(Rows src, Rows dst, int height, int width, int white, Fill&& fill) noexcept {
+    // A negative white level has no table; it is refused like a failed allocation.
+    ScratchArray<Sample> table;
+    if (white < 0 || !table.allocate(std::int64_t{white} + 1)) return kNoBuffer;
+    if (const int code = fill(table.get()); code != 0) return code;
+    return apply_table(src, dst, height, width, white, table.get());
+}
+
+// ---- Gamma curves (gamma_curves.cpp) ----
+int gamma_curve(Rows src, Rows dst, int height, int width, int white, double gamma) noexcept;
+int sigma_curve(Rows src, Rows dst, int height, int width, int white, double steepness, double shift) noexcept;
+int gammalog_curve(Rows src, Rows dst, int height, int width, int white, double g) noexcept;
+
+// ---- Windowing curves (windowing.cpp) ----
+// Code of "LL-UL" and "gammalin" for a window whose lower level lies above its upper one.
+constexpr int kInvertedWindow = -3;
+int ll_ul_window(Rows src, Rows dst, int height, int width, int white, double low, double high) noexcept;
+int gammalin_window(Rows src, Rows dst, int height, int width, int white, double gamma, double low,
+                    double high) noexcept;
+int linear_window(Rows src, Rows dst, int height, int width, int white, double brightness, double contrast) noexcept;
+
+// ---- Histogram stretching (histogram_stretching.cpp) ----
+int equalize(Rows src, Rows dst, int height, int width, int white) noexcept;
+
+struct Borders {
+    int up, down, left, right;
+};
+int shannon_stretching(Rows src, Rows dst, int height, int width, int white, Borders borders, double low_th,
+                       double high_th) noexcept;
+
+// ---- Display transforms (display.cpp) ----
+int reverse(Rows src, Rows dst, int height, int width, int white) noexcept;
+int flip(Rows src, Rows dst, int height, int width, int ignored, int horizontal, int vertical) noexcept;
+int colorize(Rows src, unsigned char* rgb, int height, int width, int white) noexcept;
+
+// ---- Entropy contrast enhancement (entropy_contrast.cpp) ----
+struct EntropyContrastParams {
+    Borders borders;
+    double low_th, high_th;          // the stretching stage
+    double din_low_th, din_high_th;  // the band of levels that chooses the exponent
+    double mu, sigma;                // centre and width of the level weighting
+};
+// gaussian_weights: 0 for "ECE" (weights exp(+x)), 1 for "ECE2" (exp(-x)).
+int entropy_contrast(Rows src, Rows dst, int height, int width, int white, int gaussian_weights,
+                     const EntropyContrastParams& params) noexcept;
+
+}  // namespace krf::tone

@@ -1,0 +1,78 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <utility>
+
+#include "tone/tone_testing.h"
+
+namespace {
+
+using namespace krf::test;
+
+// Catalogue order: six thresholds (mu 0.5, sigma 0.3), then four borders of 0.
+Params ece(double low_th, double high_th, double din_low, double din_high) {
+    Params p = doubles({low_th, high_th, din_low, din_high, 0.5, 0.3});
+    p.add_int(0).add_int(0).add_int(0).add_int(0);
+    return p;
+}
+
+// Stretching thresholds that make the first stage the identity window.
+Params band(double din_low, double din_high) { return ece(-1.0, 2.0, din_low, din_high); }
+
+double gamma_of(int level, double g) { return 4095 * std::pow(level / 4095.0, g); }
+
+Image with_one(int fill, int level) {
+    Image image(2, 2, static_cast<krf::Sample>(fill));
+    image.at(0, 0) = static_cast<krf::Sample>(level);
+    return image;
+}
+
+TEST(Ece, BandOfTheDefaultsAndTheExponentCap) {
+    // A level t alone in the band gives the exponent -1 / ln(t) whatever the
+    // weights, and becomes W × t^(-1/ln t) = W / e. An empty band gives 0/0: all 0.
+    for (int level : {1023, 1024, 3072, 3073})
+        EXPECT_NEAR(filtered("ECE", Image(2, 3, level), 4095, band(0.25, 0.75)).at(1, 2),
+                    level >= 1024 && level <= 3072 ? 4095 / M_E : 0.0, 1)
+            << level;
+    // din_high_th 1 ends the band at white; -1/ln(3700/4095) = 9.9 is capped.
+    EXPECT_NEAR(filtered("ECE2", with_one(100, 3700), 4095, band(0.5, 1.0)).at(0, 0), gamma_of(3700, 4.0), 1);
+    // Levels 1 ... 205: -1/ln(146/4095) = 0.3 is kept.
+    EXPECT_NEAR(filtered("ECE", with_one(3000, 146), 4095, band(0.0002, 0.05)).at(1, 1),
+                gamma_of(3000, -1 / std::log(146 / 4095.0)), 1);
+}
+
+// Where the fixed rounds settle for three samples of 500 and one of 3500:
+// the g in [0.3, 1] with Σ n w t^(g-1) (g × (-ln t) - 1) = 0, where
+// w = exp(sign × ((t - 0.5) / 0.3)^2); found by bisection.
+double settled_exponent(double sign) {
+    double lo = 0.3, hi = 1.0;
+    for (int i = 0; i < 100; ++i) {
+        const double g = (lo + hi) / 2;
+        double excess = 0;
+        for (auto [level, count] : {std::pair{500, 3}, std::pair{3500, 1}}) {
+            const double t = level / 4095.0, d = (t - 0.5) / 0.3;
+            excess += count * std::exp(sign * d * d) * std::pow(t, g - 1) * (g * -std::log(t) - 1);
+        }
+        (excess < 0 ? lo : hi) = g;
+    }
+    return lo;
+}
+
+TEST(Ece, EceGrowsAwayFromMuAndEce2IsTheBell) {
+    for (auto [name, sign] : {std::pair{"ECE", 1.0}, std::pair{"ECE2", -1.0}}) {
+        const Image out = filtered(name, with_one(500, 3500), 4095, band(0.1, 0.9));
+        EXPECT_NEAR(out.at(1, 1), gamma_of(500, settled_exponent(sign)), 1) << name;
+        EXPECT_NEAR(out.at(0, 0), gamma_of(3500, settled_exponent(sign)), 1) << name;
+    }
+}
+
+TEST(Ece, FirstStageResultsAndAllocationFailures) {
+    int code = -1;  // stage one returns -3 and leaves the scratch black; the gamma stage still runs
+    EXPECT_TRUE(filtered("ECE", phantom(5, 5, 4095), 4095, ece(1.5, 0.5, 0.25, 0.75), &code) == Image(5, 5, 0));
+    EXPECT_EQ(code, 0);
+    filtered("ECE", phantom(8, 9, 4095), 4095, ece(0.005, 0.99, -3.0, 7.0), &code);  // band cut to the histogram
+    EXPECT_EQ(code, 0);
+    for (const char* name : {"ECE", "ECE2"}) expect_clean_failures(name, ece(0.005, 0.99, 0.25, 0.75));
+}
+
+}  // namespace

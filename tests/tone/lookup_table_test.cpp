@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+
+#include "tone/tone.h"
+#include "tone/tone_testing.h"
+
+namespace {
+
+using namespace krf::tone;
+using krf::test::Image;
+
+const char* const kToneFilters[] = {"gamma",    "gammalog",          "sigma",   "LL-UL", "linear",
+                                    "gammalin", "ShannonStretching", "ECE",     "ECE2",  "flip",
+                                    "equalize", "reverse",           "colorize"};
+
+TEST(TruncatingConversion, BehavesLikeTheProcessorInstruction) {
+    EXPECT_EQ(truncate_to_int32(-2.99), -2);
+    EXPECT_EQ(truncate_to_int32(2147483647.9), 2147483647);
+    for (double v : {2147483648.0, -2147483649.0, HUGE_VAL, std::nan("")}) EXPECT_EQ(truncate_to_int32(v), INT32_MIN);
+    EXPECT_EQ(to_table_entry(65536.0 + 7.9), 7);  // the low 16 bits
+    EXPECT_EQ(to_table_entry(-1.5), 0xFFFF);
+    EXPECT_EQ(pixel_count_32(65536, 65537), 65536);  // wraps
+}
+
+TEST(TableApplier, ClampsAboveWhiteAndKernelsAgree) {
+    std::mt19937 random(7);
+    for (int white : {0, 255, 4095, 65535}) {
+        std::vector<krf::Sample> table(white + 1), plain(40);
+        for (auto& entry : table) entry = static_cast<krf::Sample>(random());
+        for (int width = 0; width < 40; ++width) {
+            Image in(1, width), out(1, width);
+            for (int c = 0; c < width; ++c) in.at(0, c) = random() % 2 ? random() : random() % (white + 1);
+            apply_table(in.rows(), out.rows(), 1, width, white, table.data());
+            apply_table_row_portable(in.rows()[0], plain.data(), width, static_cast<krf::Sample>(white), table.data());
+            for (int c = 0; c < width; ++c) {
+                ASSERT_EQ(out.at(0, c), table[std::min<int>(in.at(0, c), white)]) << white << " " << c;
+                ASSERT_EQ(plain[c], out.at(0, c));
+            }
+        }
+    }
+}
+
+TEST(HistogramCounter, CountsEverySampleAtMinOfSampleAndWhite) {
+    for (int white : {9, 4095, 4096}) {  // split and plain counting
+        Image image = krf::test::row_of({3, 65535, 65535, 3, 3});
+        std::vector<Count> hist(white + 1, -7), expected(white + 1, 0);
+        expected[3] = 3, expected[white] = 2;
+        count_histogram(image.rows(), 1, 5, white, hist.data());
+        EXPECT_EQ(hist, expected);
+    }
+}
+
+TEST(ToneDispatch, OnlyEqualizeReverseAndColorizeAcceptNullParameters) {
+    Image in(2, 2, 9), out(2, 2);
+    for (const char* name : kToneFilters) {
+        const bool optional =
+            std::string(name) == "equalize" || std::string(name) == "reverse" || std::string(name) == "colorize";
+        EXPECT_EQ(krf::test::run_filter(name, in, out, 4095, nullptr), optional ? 0 : -2) << name;
+    }
+}
+
+// Empty and negative sizes, white levels 0 and 1, and NaN, huge or
+// out-of-range values in every parameter slot (ints read from the same bytes).
+TEST(ToneDispatch, DegenerateSizesWhitesAndParametersStaySafe) {
+    for (double fill : {0.0, 0.999, 1.5, -7.0, std::nan(""), 1e300, -1e300})
+        for (int white : {0, 1, 4095})
+            for (auto [height, width] :
+                 {std::pair{0, 3}, std::pair{3, 0}, std::pair{-2, 3}, std::pair{1, 1}, std::pair{2, 3}}) {
+                double values[10];
+                void* params[10];
+                for (int k = 0; k < 10; ++k) values[k] = fill, params[k] = &values[k];
+                for (const char* name : kToneFilters) {
+                    Image in(height, width, 5000), out(height, width);
+                    const int code = krf::test::run_filter(name, in, out, white, params);
+                    EXPECT_TRUE(code == 0 || code == -3)
+                        << name << " " << fill << " " << white << " " << height << "x" << width;
+                }
+            }
+}
+
+}  // namespace

@@ -1,0 +1,59 @@
+// Small helpers shared by the tone tests.
+#pragma once
+
+#include <initializer_list>
+#include <vector>
+
+#include "support/test_images.h"
+
+namespace krf::test {
+
+using Levels = std::vector<int>;
+
+inline Params doubles(std::initializer_list<double> values) {
+    Params p;
+    for (double v : values) p.add_double(v);
+    return p;
+}
+
+inline Image row_of(const Levels& levels) {
+    Image image(1, static_cast<int>(levels.size()));
+    for (std::size_t c = 0; c < levels.size(); ++c) image.at(0, static_cast<int>(c)) = static_cast<Sample>(levels[c]);
+    return image;
+}
+
+// Runs a filter on a copy of `in` into an output pre-filled with kMarker.
+inline Image filtered(const char* name, Image in, int white, Params params = Params(), int* code = nullptr) {
+    Image out(in.height(), in.width(), kMarker);
+    const int result = run_filter(name, in, out, white, params.data());
+    if (code) *code = result;
+    return out;
+}
+
+// The outputs of a point operation for every level 0 ... white + extra.
+inline Levels curve(const char* name, int white, Params params, int extra = 0, int* code = nullptr) {
+    Levels levels(white + 1 + extra);
+    for (std::size_t i = 0; i < levels.size(); ++i) levels[i] = static_cast<int>(i);
+    const Image out = filtered(name, row_of(levels), white, params, code);
+    return Levels(out.samples().begin(), out.samples().end());
+}
+
+inline Levels at(const Levels& values, std::initializer_list<int> indices) {
+    Levels picked;
+    for (int i : indices) picked.push_back(values[i]);
+    return picked;
+}
+
+// Fails each allocation of the filter in turn on a small phantom: every
+// failure must return an allocation code with the output untouched.
+inline void expect_clean_failures(const char* name, Params params) {
+    const Image in = phantom(5, 6, 4095);
+    expect_clean_allocation_failures(
+        [&](Image& out) {
+            Image copy = in;
+            return run_filter(name, copy, out, 4095, params.data());
+        },
+        5, 6, {1007100, 1007200});
+}
+
+}  // namespace krf::test
