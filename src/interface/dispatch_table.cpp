@@ -4,6 +4,7 @@
 // catalogue's; a filter appears here only once its handler exists, so any
 // other name is refused with -3.
 #include "interface/dispatch.h"
+#include "neighbourhood/local_filters.h"
 #include "platform/platform.h"
 
 namespace krf {
@@ -19,6 +20,28 @@ int iso_density(const FilterCall& call, void**) {
 }  // namespace
 
 const DispatchEntry dispatch_table[] = {
+    {"mean2D", true, [](const FilterCall& c, void** p) {
+         return box_mean(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
+     }},
+    {"despeckle", true, [](const FilterCall& c, void** p) {
+         return despeckle(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0), int_param(p, 1));
+     }},
+    {"ADF", true, [](const FilterCall& c, void** p) {
+         return anisotropic_diffusion(c.src, c.dst, c.height, c.width, c.white, int_param(p, 2), double_param(p, 0),
+                                      double_param(p, 1));
+     }},
+    // "LuminanceSigma" is read as a double although the catalogue declares an int.
+    {"bilateral_filter", true, [](const FilterCall& c, void** p) {
+         return bilateral_filter(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1));
+     }},
+    {"unsharp", true, [](const FilterCall& c, void** p) {
+         return timed(" Time unsharp:%d millisec  \n", c, p, [](const FilterCall& c, void** p) {
+             return unsharp_mask(c.src, c.dst, c.height, c.width, c.white, int_param(p, 1), double_param(p, 0));
+         });
+     }},
+    {"emboss", true, [](const FilterCall& c, void** p) {
+         return emboss(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
+     }},
     {"IsoDensity", true, iso_density},
 };
 

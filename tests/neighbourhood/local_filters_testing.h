@@ -1,0 +1,52 @@
+// Helpers for the local-filter tests: random images and a way to run a
+// handler on the test images.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+
+#include "neighbourhood/local_filters.h"
+#include "support/test_images.h"
+
+namespace krf::test {
+
+// Samples uniform in 0 ... top.
+inline Image random_image(int height, int width, int top, std::uint32_t seed) {
+    Image image(height, width);
+    std::mt19937 generator(seed);
+    std::uniform_int_distribution<int> level(0, top);
+    for (int r = 0; r < height; ++r)
+        for (int c = 0; c < width; ++c) image.at(r, c) = static_cast<Sample>(level(generator));
+    return image;
+}
+
+// The mean of the n x n window (even sides grow by one, sides below 1 are 1)
+// with every coordinate held to the image, summed directly rather than with
+// running sums, truncated and held to white.
+inline Image reference_mean(const Image& in, int side, int white) {
+    std::int64_t n = side < 1 ? 1 : side;
+    if (n % 2 == 0) ++n;
+    const std::int64_t h = n / 2;
+    Image out(in.height(), in.width());
+    for (int r = 0; r < in.height(); ++r)
+        for (int c = 0; c < in.width(); ++c) {
+            std::int64_t sum = 0;
+            for (std::int64_t y = r - h; y <= r + h; ++y)
+                for (std::int64_t x = c - h; x <= c + h; ++x)
+                    sum += in.at(static_cast<int>(std::clamp<std::int64_t>(y, 0, in.height() - 1)),
+                                 static_cast<int>(std::clamp<std::int64_t>(x, 0, in.width() - 1)));
+            const auto mean = static_cast<std::int64_t>(static_cast<double>(sum) / static_cast<double>(n * n));
+            out.at(r, c) = static_cast<Sample>(std::min<std::int64_t>(mean, white));
+        }
+    return out;
+}
+
+// Image sizes every filter must handle, degenerate ones included.
+struct Size {
+    int height;
+    int width;
+};
+inline constexpr Size kOddSizes[] = {{1, 1}, {1, 7}, {7, 1}, {2, 2}, {2, 9}, {3, 3}, {5, 17}, {19, 4}, {23, 37}, {9, 70}};
+
+}  // namespace krf::test
