@@ -1,10 +1,12 @@
-// Helpers for the local-filter tests: random images and a way to run a
-// handler on the test images.
+// Helpers for the local-filter tests: random images, the direct box mean and
+// the image sizes every filter must handle.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <random>
+
+#include <gtest/gtest.h>
 
 #include "neighbourhood/local_filters.h"
 #include "support/test_images.h"
@@ -21,13 +23,10 @@ inline Image random_image(int height, int width, int top, std::uint32_t seed) {
     return image;
 }
 
-// The mean of the n x n window (even sides grow by one, sides below 1 are 1)
-// with every coordinate held to the image, summed directly rather than with
-// running sums, truncated and held to white.
+// Mean of the n x n window (sides made odd, at least 1) with coordinates held
+// to the image, summed directly, truncated and held to white.
 inline Image reference_mean(const Image& in, int side, int white) {
-    std::int64_t n = side < 1 ? 1 : side;
-    if (n % 2 == 0) ++n;
-    const std::int64_t h = n / 2;
+    const std::int64_t n = side < 1 ? 1 : side | 1, h = n / 2;
     Image out(in.height(), in.width());
     for (int r = 0; r < in.height(); ++r)
         for (int c = 0; c < in.width(); ++c) {
@@ -42,7 +41,14 @@ inline Image reference_mean(const Image& in, int side, int white) {
     return out;
 }
 
-// Image sizes every filter must handle, degenerate ones included.
+// Output of run(src, dst) on a copy of `in`, into rows pre-filled with the marker.
+template <class Run>
+Image output_of(Image in, Run run) {
+    Image out(in.height(), in.width(), kMarker);
+    EXPECT_EQ(run(in.rows(), out.rows()), 0);
+    return out;
+}
+
 struct Size {
     int height;
     int width;
