@@ -35,8 +35,9 @@ const DispatchEntry dispatch_table[] = {
          return bilateral_filter(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1));
      }},
     {"unsharp", true, [](const FilterCall& c, void** p) {
-         return timed(" Time unsharp:%d millisec  \n", c, p, [](const FilterCall& c, void** p) {
-             return unsharp_mask(c.src, c.dst, c.height, c.width, c.white, int_param(p, 1), double_param(p, 0));
+         return timed(" Time unsharp:%d millisec  \n", c, p, [](const FilterCall& call, void** params) {
+             return unsharp_mask(call.src, call.dst, call.height, call.width, call.white, int_param(params, 1),
+                                 double_param(params, 0));
          });
      }},
     {"emboss", true, [](const FilterCall& c, void** p) {

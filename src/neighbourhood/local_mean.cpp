@@ -17,11 +17,12 @@ namespace {
 // Column and window sums fit 32 bits while n * n * 65535 < 2^31.
 constexpr std::int64_t kLargestSideFor32BitSums = 181;
 
-// The padded rows grow with the square of the window. Beyond 2^32 samples
-// (8 GiB) they are refused as if their row array could not be had: with
-// overcommitted memory the allocation itself might succeed and only the
-// filling of the padding would find out, by killing the process.
-constexpr std::int64_t kLargestPaddedRows = std::int64_t{1} << 32;
+// The padded rows grow with the square of the window. Beyond 2^28 samples
+// (512 MiB, a window of some 14000 on a 3000-sample row) they are refused as if
+// their row array could not be had: with overcommitted memory the allocation
+// itself would succeed, and only filling the padding would find out, by
+// getting the process killed.
+constexpr std::int64_t kLargestPaddedRows = std::int64_t{1} << 28;
 
 // Of the padded raster (the image with h replicated rows and columns on every
 // side) only the n rows under the window are ever needed, and each is read
