@@ -112,7 +112,7 @@ int bilateral_filter(Rows src, Rows dst, int height, int width, int white, doubl
     // A LuminanceSigma of 0 would make the centre weight 0/0 and every other
     // weight 0. It is taken as the limit of a vanishing sigma instead: weight 1
     // for an exact grey-level match, 0 otherwise. A sigma that is not a number
-    // is treated the same way.
+    // is treated the same way; a negative one weighs as its magnitude.
     const bool exact_match = luminance_sigma == 0.0 || std::isnan(luminance_sigma);
     for (int i = 0; i <= 2 * white; ++i) {
         if (exact_match) {

@@ -120,7 +120,8 @@ KRF_AVX2 bool diffusion_pass_avx2(Rows from, Rows to, int height, int width, con
         const DiffusionRows rows{from[r - 1], from[r], from[r + 1], from[r + 2]};
         changed |= diffuse_row_pair_avx2(rows, to[r], to[r + 1], 1, width - 1, flux, lambda);
     }
-    if (r + 1 < height) changed |= diffuse_row_plain(from[r - 1], from[r], from[r + 1], to[r], 1, width - 1, flux, lambda);
+    if (r + 1 < height)
+        changed |= diffuse_row_plain(from[r - 1], from[r], from[r + 1], to[r], 1, width - 1, flux, lambda);
     return changed;
 }
 #endif

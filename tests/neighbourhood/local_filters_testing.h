@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <random>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -49,10 +50,19 @@ Image output_of(Image in, Run run) {
     return out;
 }
 
-struct Size {
-    int height;
-    int width;
-};
-inline constexpr Size kOddSizes[] = {{1, 1}, {1, 7}, {7, 1}, {2, 2}, {2, 9}, {3, 3}, {5, 17}, {19, 4}, {23, 37}, {9, 70}};
+inline constexpr std::pair<int, int> kOddSizes[] = {{1, 1}, {1, 7},  {7, 1},  {2, 2},   {2, 9},
+                                                    {3, 3}, {5, 17}, {19, 4}, {23, 37}, {9, 70}};
+
+// Both kernel paths of filter(src, dst, height, width, path) against
+// reference(in) on random images (samples 0 ... top) of every odd size.
+template <class Filter, class Reference>
+void expect_paths_match(Filter filter, Reference reference, int top, std::uint32_t seed) {
+    for (auto [h, w] : kOddSizes) {
+        const Image in = random_image(h, w, top, seed++), expected = reference(in);
+        for (KernelPath path : {KernelPath::portable, KernelPath::fastest})
+            EXPECT_TRUE(output_of(in, [&](Rows s, Rows d) { return filter(s, d, h, w, path); }) == expected)
+                << h << "x" << w << (path == KernelPath::portable ? " portable" : " fastest");
+    }
+}
 
 }  // namespace krf::test
