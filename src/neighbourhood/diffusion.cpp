@@ -47,8 +47,9 @@ bool diffusion_pass_portable(Rows from, Rows to, int height, int width, const do
 // needs one lookup for both directions: the west flux of column c is minus the
 // east flux of column c - 1, and the north flux of row r + 1 is minus the
 // south flux of row r. Two rows at a time, four columns per step, that is five
-// lookups of four entries for eight samples instead of eight. Only a zero flux can come out
-// as -0 instead of +0, which changes no sum that is then truncated.
+// lookups of four entries for eight samples instead of eight. Only a zero flux
+// can come out as -0 instead of +0, which changes no sum that is then
+// truncated.
 struct DiffusionRows {
     const Sample* up;
     const Sample* top;
