@@ -4,6 +4,7 @@
 // catalogue's; a filter appears here only once its handler exists, so any
 // other name is refused with -3.
 #include "interface/dispatch.h"
+#include "neighbourhood/local_filters.h"
 #include "platform/platform.h"
 #include "tone/tone.h"
 
@@ -39,6 +40,29 @@ const DispatchEntry dispatch_table[] = {
     {"ECE", true, [](const FilterCall& c, void** p) { return entropy_contrast_entry(c, p, 0); }},
     {"ECE2", true, [](const FilterCall& c, void** p) { return entropy_contrast_entry(c, p, 1); }},
     {"equalize", false, [](const FilterCall& c, void**) { return tone::equalize(c.src, c.dst, c.height, c.width, c.white); }},
+    {"mean2D", true, [](const FilterCall& c, void** p) {
+         return box_mean(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
+     }},
+    {"despeckle", true, [](const FilterCall& c, void** p) {
+         return despeckle(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0), int_param(p, 1));
+     }},
+    {"ADF", true, [](const FilterCall& c, void** p) {
+         return anisotropic_diffusion(c.src, c.dst, c.height, c.width, c.white, int_param(p, 2), double_param(p, 0),
+                                      double_param(p, 1));
+     }},
+    // "LuminanceSigma" is read as a double although the catalogue declares an int.
+    {"bilateral_filter", true, [](const FilterCall& c, void** p) {
+         return bilateral_filter(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1));
+     }},
+    {"unsharp", true, [](const FilterCall& c, void** p) {
+         return timed(" Time unsharp:%d millisec  \n", c, p, [](const FilterCall& call, void** params) {
+             return unsharp_mask(call.src, call.dst, call.height, call.width, call.white, int_param(params, 1),
+                                 double_param(params, 0));
+         });
+     }},
+    {"emboss", true, [](const FilterCall& c, void** p) {
+         return emboss(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
+     }},
     {"reverse", false, [](const FilterCall& c, void**) { return tone::reverse(c.src, c.dst, c.height, c.width, c.white); }},
     {"colorize", false, [](const FilterCall& c, void**) {
         // The buffer's own code is not consulted: a missing buffer reaches the handler as null.

@@ -1,0 +1,54 @@
+// Vector-code helpers shared by the local filters' fast paths. The library is
+// built for any x86-64; functions marked KRF_AVX2 are compiled for AVX2 and
+// called only when the processor reported it at load time.
+#pragma once
+
+#include <cstdint>
+
+#include "interface/rows.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+// GCC 12's gather intrinsics start from a deliberately undefined register and
+// warn about it once inlined; the warning says nothing about our code.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#include <immintrin.h>
+#pragma GCC diagnostic pop
+#define KRF_X86 1
+#define KRF_AVX2 __attribute__((target("avx2")))
+#define KRF_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
+
+namespace krf::simd {
+
+// Eight samples from p (no alignment needed).
+KRF_AVX2_INLINE __m128i load8(const Sample* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+
+// Eight samples widened to 32-bit lanes.
+KRF_AVX2_INLINE __m256i widen8(const Sample* p) { return _mm256_cvtepu16_epi32(load8(p)); }
+
+// Eight 32-bit lanes holding 0 ... 65535 narrowed to samples.
+KRF_AVX2_INLINE __m128i narrow8(__m256i v) {
+    return _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi32(v, v), 0x08));
+}
+
+KRF_AVX2_INLINE void store8(Sample* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+
+KRF_AVX2_INLINE __m128i low_half(__m256i v) { return _mm256_castsi256_si128(v); }
+KRF_AVX2_INLINE __m128i high_half(__m256i v) { return _mm256_extracti128_si256(v, 1); }
+KRF_AVX2_INLINE __m256i join(__m128i low, __m128i high) { return _mm256_set_m128i(high, low); }
+
+// Four table entries at the indices of `index`. Plain loads beat the gather
+// instruction here: gathers are slow on the AMD processors this library
+// mostly runs on.
+KRF_AVX2_INLINE __m256d lookup4(const double* table, __m128i index) {
+    alignas(16) std::int32_t i[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(i), index);
+    const __m128d low = _mm_loadh_pd(_mm_load_sd(table + i[0]), table + i[1]);
+    const __m128d high = _mm_loadh_pd(_mm_load_sd(table + i[2]), table + i[3]);
+    return _mm256_insertf128_pd(_mm256_castpd128_pd256(low), high, 1);
+}
+
+}  // namespace krf::simd
+#else
+#define KRF_X86 0
+#endif
