@@ -4,6 +4,7 @@
 // catalogue's; a filter appears here only once its handler exists, so any
 // other name is refused with -3.
 #include "interface/dispatch.h"
+#include "neighbourhood/median.h"
 #include "platform/platform.h"
 
 namespace krf {
@@ -19,6 +20,9 @@ int iso_density(const FilterCall& call, void**) {
 }  // namespace
 
 const DispatchEntry dispatch_table[] = {
+    {"median2D", true, [](const FilterCall& c, void** p) { return median_2d(c.src, c.dst, c.height, c.width, int_param(p, 0)); }},
+    {"pseudo-median2D", true, [](const FilterCall& c, void** p) { return pseudo_median_2d(c.src, c.dst, c.height, c.width, int_param(p, 0)); }},
+    {"SMF", false, [](const FilterCall& c, void**) { SmfSettings settings; return switching_median(c.src, c.dst, c.height, c.width, c.white, settings); }},
     {"IsoDensity", true, iso_density},
 };
 
