@@ -265,7 +265,7 @@ KRF_TARGET_AVX512BW void median_5x5_row_avx512(const Sample* const* rows, Sample
 // handler does not know the white level, and samples may exceed it anyway).
 // A step updates one counter per sample that enters or leaves the window;
 // the tracked median then walks level by level and skips runs of kRun empty
-// levels with one vector test, so long empty stretches of the 16-bit range
+// levels with one test, so long empty stretches of the 16-bit range
 // are crossed kRun levels at a time. Keeping per-block counts instead costs a
 // second counter update per sample, and those updates queue on the few
 // block counters that smooth data hits: that measured slower for every
@@ -371,8 +371,8 @@ int median_5x5(Rows src, Rows dst, int height, int width, MedianIsa isa) {
                                                          : median_5x5_row_portable;
     // Rows 2 ... height-4 and columns 2 ... width-4 only: the filtered area
     // stops one row and one column short of the 5 × 5 interior, and row
-    // height-3 and column width-3 keep whatever the output held. Hosts rely
-    // on that footprint, so it stays.
+    // height-3 and column width-3 keep whatever the output held. That is the
+    // filter's established footprint and it is kept as it is.
     const int count = width - 5;
     for (int r = 2; r <= height - 4 && count > 0; ++r) {
         const Sample* const rows[5] = {src[r - 2] + 2, src[r - 1] + 2, src[r] + 2, src[r + 1] + 2, src[r + 2] + 2};
@@ -384,6 +384,9 @@ int median_5x5(Rows src, Rows dst, int height, int width, MedianIsa isa) {
 }
 
 int median_large(Rows src, Rows dst, int height, int width, int n) {
+    // The working memory does not grow with the window, so no side, however
+    // large (n·n overflows 32 bits from n = 46341), asks for an absurd
+    // buffer; a window that does not fit the image leaves a copy of it.
     const int h = (n - 1) / 2;
     // Counts reach n·n, which fits 32 bits up to n = 65535.
     const bool wide_counts = n > 65535;

@@ -25,7 +25,8 @@ void median_3x3(Rows src, Rows dst, int height, int width, MedianIsa isa) noexce
 void copy_median_frame(Rows src, Rows dst, int height, int width, std::int64_t band) noexcept;
 
 // "median2D" with window side oddnum (an even side is raised by one).
-// Returns 0 or the code of the scratch allocation that failed.
+// Returns 0 or the code of the scratch allocation that failed. From side 5 up
+// the medians go through a scratch raster, so dst may then be src itself.
 int median_2d(Rows src, Rows dst, int height, int width, int oddnum,
               MedianIsa isa = best_median_isa()) noexcept;
 

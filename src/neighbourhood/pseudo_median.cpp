@@ -121,13 +121,15 @@ int pseudo_median_2d(Rows src, Rows dst, int height, int width, int dimwnd, Medi
     const int h = (window - 1) / 2;
     // Only 5, 7 and 9 get their own network; every other window takes the
     // median of its first three samples, even where it gathers more (6, 8,
-    // above 9): hosts depend on that response, so it stays. Windows of 1 and 2
-    // gather a single sample (h = 0), which the median of three cannot
-    // complete; the missing entries are taken equal to it, so these windows
-    // leave the image unchanged.
+    // above 9): that is the filter's established response and it is kept.
+    // Windows of 1 and 2 gather a single sample (h = 0), which the median of
+    // three cannot complete; the missing entries are taken equal to it, so
+    // these windows leave the image unchanged.
     const int taps = h == 0 ? 1 : (window == 5 || window == 7 || window == 9) ? window : 3;
     const LinesKernel kernel = lines_kernel(taps, isa);
 
+    // The one-dimensional medians run over whole rows of lanes, so the row
+    // pass result is the only working memory; no per-window buffer is needed.
     Raster scratch;
     if (const int code = scratch.allocate(height, width); code != 0) return code;
 

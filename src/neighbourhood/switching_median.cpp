@@ -80,6 +80,7 @@ int estimate_noise(Rows median, Rows copy, int height, int width, int white, con
     const int r1 = static_cast<int>(s.marginHigh * height + 0.5);
     const int c0 = static_cast<int>(width * s.marginLow - 1 + 0.5);
     const int c1 = static_cast<int>(s.marginHigh * width + 0.5);
+    // Samples above the white level count as white, a level never analysed.
     const auto level_of = [white](Sample v) { return v > white ? white : static_cast<int>(v); };
 
     ScratchArray<std::int64_t> histogram;
@@ -215,6 +216,8 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
     for (int r = 0; r < height; ++r) std::memcpy(copy[r], src[r], static_cast<std::size_t>(width) * sizeof(Sample));
     median_3x3(copy.rows(), median.rows(), height, width, isa);
 
+    // Without a finished estimation there is no noise model to apply: stop
+    // with the estimation's code.
     NoiseModel model{};
     if (const int code = estimate_noise(median.rows(), copy.rows(), height, width, white, settings, &model); code != 0)
         return code;
