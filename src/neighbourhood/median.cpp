@@ -1,8 +1,8 @@
 // "median2D": the exact median of a square window of odd side.
 //
-// 3 × 3 and 5 × 5 run fixed min/max networks over whole rows of 16-bit lanes,
-// sorting each window column once and sharing it between the neighbouring
-// windows. Larger windows slide a histogram of all 65536 grey levels over the
+// 3 × 3 and 5 × 5 run fixed min/max networks over whole rows of 16-bit lanes;
+// the 5 × 5 path sorts each window column once and shares it between the
+// five windows that contain it. Larger windows slide a histogram of all 65536 grey levels over the
 // image (Huang's method), so a step costs one window column in and one out
 // instead of a selection over the whole window. Every method yields the exact
 // median.
@@ -52,7 +52,11 @@ void copy_samples(Sample* dst, const Sample* src, std::int64_t count) {
 
 // ---------------------------------------------------------------------------
 // 3 × 3: sort the three samples of each window column, then the median of
-// the nine is the median of (largest minimum, median of medians, smallest maximum).
+// the nine is the median of (largest minimum, median of medians, smallest
+// maximum). The three column sorts are redone in registers for every vector
+// of outputs: this filter runs at the speed of its memory traffic, and
+// sharing the sorts through a buffer, or between two output rows, measured
+// slower.
 
 template <class V>
 KRF_ALWAYS_INLINE V median_3x3_at(const Sample* up, const Sample* mid, const Sample* down) {

@@ -58,9 +58,9 @@ T select_smallest(T* a, int n, int k) {
     return a[left];
 }
 
-// L·L as a 32-bit signed product: it wraps above level 46340 and the fit has
-// always been computed with the wrapped value. Unsigned arithmetic makes the
-// wrap well defined.
+// L·L as a 32-bit signed product: above level 46340 it wraps, and the fit
+// deliberately keeps the wrapped value. Unsigned arithmetic makes the wrap
+// well defined.
 double wrapped_square(int level) {
     const auto square = static_cast<std::uint32_t>(level) * static_cast<std::uint32_t>(level);
     return static_cast<double>(static_cast<std::int32_t>(square));
