@@ -269,8 +269,8 @@ KRF_TARGET_AVX512BW void median_5x5_row_avx512(const Sample* const* rows, Sample
 // handler does not know the white level, and samples may exceed it anyway).
 // A step updates one counter per sample that enters or leaves the window;
 // the tracked median then walks level by level and skips runs of kRun empty
-// levels with one test, so long empty stretches of the 16-bit range
-// are crossed kRun levels at a time. Keeping per-block counts instead costs a
+// levels with one test, so long empty stretches of the 16-bit range are
+// crossed kRun levels at a time. Keeping per-block counts instead costs a
 // second counter update per sample, and those updates queue on the few
 // block counters that smooth data hits: that measured slower for every
 // window size.
@@ -287,6 +287,7 @@ public:
     KRF_ALWAYS_INLINE void add(Sample v) {
         ++counts_[v];
         below_ += v < median_;
+        if (static_cast<unsigned>(v - gap_low_) < static_cast<unsigned>(gap_high_ - gap_low_)) gap_high_ = gap_low_;
     }
     KRF_ALWAYS_INLINE void remove(Sample v) {
         --counts_[v];
@@ -298,21 +299,19 @@ public:
     // below_ <= rank < below_ + counts_[median_]. The rank lies inside the
     // samples held, so neither walk leaves 0 ... 65535.
     Sample median() {
+        int v = median_;
         if (below_ > rank_) {
-            int v = median_;
             do {
-                while ((v & (kRun - 1)) == 0 && run_is_empty(v - kRun)) v -= kRun;
+                if ((v & (kRun - 1)) == 0) v = skip_empty_runs_down(v);
                 below_ -= counts_[--v];
             } while (below_ > rank_);
-            median_ = v;
         } else {
-            int v = median_;
             while (below_ + static_cast<std::int64_t>(counts_[v]) <= rank_) {
                 below_ += counts_[v++];
-                while ((v & (kRun - 1)) == 0 && run_is_empty(v)) v += kRun;
+                if ((v & (kRun - 1)) == 0) v = skip_empty_runs_up(v);
             }
-            median_ = v;
         }
+        median_ = v;
         return static_cast<Sample>(median_);
     }
 
@@ -323,10 +322,39 @@ private:
         return any == 0;
     }
 
+    // From a run boundary, past the empty runs above (below) it. The last
+    // long stretch found empty is remembered as the gap [gap_low_,
+    // gap_high_) until a sample lands in it: the median of two-valued
+    // images (masks) jumps across the same stretch again and again.
+    int skip_empty_runs_up(int v) {
+        if (v == gap_low_) return gap_high_;
+        const int start = v;
+        while (run_is_empty(v)) v += kRun;
+        remember_gap(start, v);
+        return v;
+    }
+    int skip_empty_runs_down(int v) {
+        if (v == gap_high_) return gap_low_;
+        const int start = v;
+        while (run_is_empty(v - kRun)) v -= kRun;
+        remember_gap(v, start);
+        return v;
+    }
+    void remember_gap(int low, int high) {
+        if (high - low >= kLongGap) {
+            gap_low_ = low;
+            gap_high_ = high;
+        }
+    }
+
+    static constexpr int kLongGap = 16 * kRun;
+
     Count* counts_;
     std::int64_t rank_;
     std::int64_t below_ = 0;
     int median_ = 0;
+    int gap_low_ = 0;   // a stretch of levels known to be empty; none while equal
+    int gap_high_ = 0;
 };
 
 // Medians of the n × n windows (n = 2h + 1) centred on rows [h, height - h)
