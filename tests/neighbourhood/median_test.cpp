@@ -12,11 +12,11 @@
 namespace krf::test {
 namespace {
 
-// 12-bit data, the full 16-bit range, heavy ties, the extremes with sparse
-// mid-range values (the sliding histogram must cross long empty stretches of
-// grey levels), and a ramp along which a large window's median moves
-// steadily, both ways along the snaking walk.
-enum class Values { twelve_bit, full_range, ties, extremes, ramp };
+// 12-bit data, the full 16-bit range, heavy ties, a two-valued mask and the
+// extremes with sparse mid-range values (the sliding histogram must cross long
+// empty stretches of grey levels), and a ramp along which a large window's
+// median moves steadily, both ways along the snaking walk.
+enum class Values { twelve_bit, full_range, ties, mask, extremes, ramp };
 
 Image random_image(int height, int width, Values kind, std::uint32_t seed) {
     std::mt19937 random(seed);
@@ -28,6 +28,7 @@ Image random_image(int height, int width, Values kind, std::uint32_t seed) {
                                                  : kind == Values::full_range ? x & 65535
                                                  : kind == Values::ties       ? 4000 + (x % 3) * 30000
                                                  : kind == Values::ramp       ? r * 600 + (c % 45) * 200 + x % 50
+                                                 : kind == Values::mask       ? (x & 1) * 65535
                                                  : x % 7 == 0                 ? (x >> 8) & 65535
                                                                               : (x & 1) * 65535);
         }
@@ -64,7 +65,8 @@ Image expected_median(const Image& in, int n) {
 
 TEST(Median2D, MatchesBruteForceMedianForEveryWindowAndValueRange) {
     for (const int n : {3, 5, 7, 9, 15, 31}) {
-        for (const Values kind : {Values::twelve_bit, Values::full_range, Values::ties, Values::extremes, Values::ramp}) {
+        for (const Values kind :
+             {Values::twelve_bit, Values::full_range, Values::ties, Values::mask, Values::extremes, Values::ramp}) {
             // Wide enough for the 3 × 3 and 5 × 5 kernels to cross their
             // 512-column chunks; five rows of windows for the others.
             const int height = n + 4, width = n <= 5 ? 1100 : 80;
