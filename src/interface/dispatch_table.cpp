@@ -5,6 +5,7 @@
 // other name is refused with -3.
 #include "interface/dispatch.h"
 #include "neighbourhood/local_filters.h"
+#include "neighbourhood/median.h"
 #include "platform/platform.h"
 #include "tone/tone.h"
 
@@ -46,6 +47,9 @@ const DispatchEntry dispatch_table[] = {
     {"despeckle", true, [](const FilterCall& c, void** p) {
          return despeckle(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0), int_param(p, 1));
      }},
+    {"median2D", true, [](const FilterCall& c, void** p) { return median_2d(c.src, c.dst, c.height, c.width, int_param(p, 0)); }},
+    {"pseudo-median2D", true, [](const FilterCall& c, void** p) { return pseudo_median_2d(c.src, c.dst, c.height, c.width, int_param(p, 0)); }},
+    {"SMF", false, [](const FilterCall& c, void**) { SmfSettings settings; return switching_median(c.src, c.dst, c.height, c.width, c.white, settings); }},
     {"ADF", true, [](const FilterCall& c, void** p) {
          return anisotropic_diffusion(c.src, c.dst, c.height, c.width, c.white, int_param(p, 2), double_param(p, 0),
                                       double_param(p, 1));
