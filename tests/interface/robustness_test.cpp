@@ -95,8 +95,11 @@ TEST(Robustness, EveryFilterSurvivesDegenerateImagesAndExtremeParameters) {
             for (const double value : extremes_for(*params[k])) {
                 ParamSlots slots = defaults;
                 slots.set(static_cast<int>(k), params[k]->type, value);
-                for (const auto& size : {sizes[5], sizes[8], sizes[11], sizes[12]})
-                    run_twice_and_compare(name, size[0], size[1], 4095, slots, random);
+                // Sizes paired with white levels, including the degenerate 0 and 1.
+                run_twice_and_compare(name, 1, 1, 4095, slots, random);
+                run_twice_and_compare(name, 2, 2, 0, slots, random);
+                run_twice_and_compare(name, 6, 5, 1, slots, random);
+                run_twice_and_compare(name, 11, 13, 4095, slots, random);
             }
         }
     }

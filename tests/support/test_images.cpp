@@ -31,7 +31,9 @@ Image& Image::operator=(const Image& other) {
 
 void Image::link_rows() {
     row_pointers_.assign(static_cast<std::size_t>(std::max(height_, 0)) + 1, nullptr);
-    for (int r = 0; r < height_; ++r) row_pointers_[r] = samples_.data() + static_cast<std::size_t>(r) * width_;
+    // A negative width gives rows of no samples; they all start at the (empty) block.
+    const std::size_t stride = static_cast<std::size_t>(std::max(width_, 0));
+    for (int r = 0; r < height_; ++r) row_pointers_[r] = samples_.data() + r * stride;
 }
 
 bool Image::operator==(const Image& other) const {
