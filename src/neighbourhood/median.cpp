@@ -37,13 +37,7 @@ bool median_isa_available(MedianIsa isa) noexcept {
 
 namespace {
 
-using lanes::for_blocks;
-using lanes::load;
-using lanes::median3;
-using lanes::sort3;
-using lanes::store;
-using lanes::vmax;
-using lanes::vmin;
+using namespace lanes;
 
 void copy_samples(Sample* dst, const Sample* src, std::int64_t count) {
     // memmove: a host may pass the same rows as input and output.

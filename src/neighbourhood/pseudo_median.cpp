@@ -13,13 +13,7 @@
 namespace krf {
 namespace {
 
-using lanes::for_blocks;
-using lanes::load;
-using lanes::median3;
-using lanes::sort3;
-using lanes::store;
-using lanes::vmax;
-using lanes::vmin;
+using namespace lanes;
 
 // Median networks pruned to the operations that reach the middle output.
 template <class V>

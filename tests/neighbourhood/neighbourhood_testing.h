@@ -1,11 +1,13 @@
-// Helpers for the local-filter tests: random images, the direct box mean and
-// the image sizes every filter must handle.
+// Helpers for the neighbourhood-filter tests: random images, brute-force box
+// means and window medians, and the image sizes every filter must handle.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
+#include <initializer_list>
 #include <random>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -42,12 +44,35 @@ inline Image reference_mean(const Image& in, int side, int white) {
     return out;
 }
 
+// Median of the window of side 2h + 1 centred on (r, c), found by sorting.
+inline Sample window_median(const Image& in, int r, int c, int h) {
+    std::vector<Sample> window;
+    for (int y = r - h; y <= r + h; ++y)
+        for (int x = c - h; x <= c + h; ++x) window.push_back(in.at(y, x));
+    std::nth_element(window.begin(), window.begin() + window.size() / 2, window.end());
+    return window[window.size() / 2];
+}
+
 // Output of run(src, dst) on a copy of `in`, into rows pre-filled with the marker.
 template <class Run>
 Image output_of(Image in, Run run) {
     Image out(in.height(), in.width(), kMarker);
     EXPECT_EQ(run(in.rows(), out.rows()), 0);
     return out;
+}
+
+// The same through DoFilter.
+inline Image filtered(const char* name, Image in, int white, void** params, int code = 0) {
+    Image out(in.height(), in.width(), kMarker);
+    EXPECT_EQ(run_filter(name, in, out, white, params), code) << name;
+    return out;
+}
+
+// expect_clean_allocation_failures for DoFilter `name` on `in` (white 4095).
+inline int expect_clean_failures(const char* name, Image in, void** params,
+                                 std::initializer_list<int> codes = {kNoRowArray, kNoBuffer}) {
+    const auto run = [&](Image& out) { return run_filter(name, in, out, 4095, params); };
+    return expect_clean_allocation_failures(run, in.height(), in.width(), codes);
 }
 
 inline constexpr std::pair<int, int> kOddSizes[] = {{1, 1}, {1, 7},  {7, 1},  {2, 2},   {2, 9},
