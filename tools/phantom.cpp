@@ -47,7 +47,10 @@ void synthesize_phantom(std::uint16_t* samples, int height, int width, int white
                 // A joint space across the bones.
                 if (std::fabs(y - 0.55) < 0.01) v -= 0.08 * w;
             }
-            v += std::sqrt(std::max(v, 1.0) * w / 4095.0) * 1.5 * random.bell();  // quantum noise
+            // Quantum noise as a computed radiograph stores it: the reader's
+            // logarithmic amplifier turns the photon count's relative spread
+            // into a spread that shrinks as the exposure (the value) grows.
+            v += 0.004 * w * std::sqrt(0.25 * w / (std::max(v, 0.0) + 0.05 * w)) * random.bell();
             if (c == defective_column) v *= 0.97;
             if ((random.next() & 4095) == 0) v = (random.next() & 1) ? w : 0.0;  // impulse specks
             samples[static_cast<std::size_t>(r) * width + c] = static_cast<std::uint16_t>(std::clamp(v + 0.5, 0.0, w));
