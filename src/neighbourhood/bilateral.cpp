@@ -53,7 +53,7 @@ void bilateral_row_portable(const BilateralJob& job, int r, Sample* out, int fir
 #if KRF_X86
 // Eight centres side by side, each lane summing its taps in the plain loop's
 // order (rows outer, columns inner), so every lane forms the same doubles.
-KRF_AVX2 void bilateral_row_avx2(const BilateralJob& job, int r, Sample* out, int first, int last) {
+KRF_TARGET_AVX2 void bilateral_row_avx2(const BilateralJob& job, int r, Sample* out, int first, int last) {
     using namespace simd;
     const int h = job.half;
     const __m128i white8 = _mm_set1_epi16(static_cast<short>(job.white));

@@ -77,7 +77,7 @@ KRF_AVX2_INLINE __m128i update4(__m256d south, __m256d north, __m256d east, __m2
     return _mm256_cvttpd_epi32(_mm256_add_pd(_mm256_mul_pd(sum, lambda), _mm256_cvtepi32_pd(u)));
 }
 
-KRF_AVX2 bool diffuse_row_pair_avx2(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first,
+KRF_TARGET_AVX2 bool diffuse_row_pair_avx2(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first,
                                     int last, const double* flux, double lambda) {
     const __m256d lambda_v = _mm256_set1_pd(lambda);
     const __m256d sign = _mm256_set1_pd(-0.0);
@@ -114,7 +114,7 @@ KRF_AVX2 bool diffuse_row_pair_avx2(const DiffusionRows& in, Sample* out_top, Sa
     return tail_changed || !_mm_testz_si128(changed, changed);
 }
 
-KRF_AVX2 bool diffusion_pass_avx2(Rows from, Rows to, int height, int width, const double* flux, double lambda) {
+KRF_TARGET_AVX2 bool diffusion_pass_avx2(Rows from, Rows to, int height, int width, const double* flux, double lambda) {
     bool changed = false;
     int r = 1;
     for (; r + 2 < height; r += 2) {

@@ -1,11 +1,10 @@
-// Vector-code helpers shared by the local filters' fast paths. The library is
-// built for any x86-64; functions marked KRF_AVX2 are compiled for AVX2 and
-// called only when the processor reported it at load time.
+// Vector-code helpers shared by the local filters' AVX2 paths.
 #pragma once
 
 #include <cstdint>
 
 #include "interface/rows.h"
+#include "platform/vector_targets.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 // GCC 12's gather intrinsics start from a deliberately undefined register and
@@ -14,9 +13,6 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <immintrin.h>
 #pragma GCC diagnostic pop
-#define KRF_X86 1
-#define KRF_AVX2 __attribute__((target("avx2")))
-#define KRF_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
 
 namespace krf::simd {
 
@@ -49,6 +45,4 @@ KRF_AVX2_INLINE __m256d lookup4(const double* table, __m128i index) {
 }
 
 }  // namespace krf::simd
-#else
-#define KRF_X86 0
 #endif

@@ -118,7 +118,7 @@ void window_row_portable(const Sum* sums, Sample* out, int width, std::int64_t s
 // integer correction step then gives that quotient exactly. It is also what
 // the division in doubles truncates to: with S < 2^31 and n * n < 2^15,
 // S / (n * n) never lies within rounding distance below the next integer.
-KRF_AVX2 void window_row_avx2(const std::int32_t* sums, Sample* out, int width, std::int64_t side, int white) {
+KRF_TARGET_AVX2 void window_row_avx2(const std::int32_t* sums, Sample* out, int width, std::int64_t side, int white) {
     std::int32_t start = 0;
     for (std::int64_t k = 0; k < side; ++k) start += sums[k];
     const __m256i zero = _mm256_setzero_si256();
@@ -176,7 +176,7 @@ void box_mean_wide(const BoxJob& job, std::int64_t* sums) {
 }
 
 #if KRF_X86
-KRF_AVX2 void box_mean_avx2(const BoxJob& job, std::int32_t* sums) { run_box_mean(job, sums, window_row_avx2); }
+KRF_TARGET_AVX2 void box_mean_avx2(const BoxJob& job, std::int32_t* sums) { run_box_mean(job, sums, window_row_avx2); }
 #endif
 
 // mean2D's sink: the means are the output.

@@ -9,16 +9,12 @@
 #include <cstring>
 
 #include "interface/rows.h"
+#include "platform/vector_targets.h"
 
 // Every helper here is always inlined into a function compiled for the target
 // that matches its vector width, so vectors never cross a call boundary and
 // the compiler's note about the vector-argument ABI does not apply.
 #pragma GCC diagnostic ignored "-Wpsabi"
-
-#define KRF_ALWAYS_INLINE [[gnu::always_inline]] inline
-#define KRF_INLINE_LAMBDA [[gnu::always_inline]]
-#define KRF_TARGET_AVX2 __attribute__((target("avx2")))
-#define KRF_TARGET_AVX512BW __attribute__((target("avx512bw")))
 
 namespace krf::lanes {
 

@@ -46,7 +46,7 @@ void emboss_row_portable(const Sample* up, const Sample* mid, const Sample* down
 #if KRF_X86
 // The same loop, vectorised by the compiler for AVX2 (eight 32-bit products
 // per instruction instead of emulated ones).
-KRF_AVX2 void emboss_row_avx2(const Sample* up, const Sample* mid, const Sample* down, Sample* out, int width,
+KRF_TARGET_AVX2 void emboss_row_avx2(const Sample* up, const Sample* mid, const Sample* down, Sample* out, int width,
                               std::int64_t k, std::int64_t h, int white) {
     emboss_row_any(up, mid, down, out, width, k, h, white);
 }
@@ -92,7 +92,7 @@ KRF_AVX2_INLINE __m128i sharpened4(__m128i level, __m128i mean, __m256d k) {
     return _mm_sub_epi32(high, low);
 }
 
-KRF_AVX2 void sharpen_row_avx2(const Sample* in, const Sample* mean, Sample* out, int first, int last,
+KRF_TARGET_AVX2 void sharpen_row_avx2(const Sample* in, const Sample* mean, Sample* out, int first, int last,
                                const SharpeningTables& tables) {
     using namespace simd;
     const __m128i white16 = _mm_set1_epi16(static_cast<short>(tables.white));
