@@ -7,26 +7,18 @@
 #include <cstdint>
 
 #include "interface/rows.h"
+#include "interface/truncation.h"
 #include "platform/memory.h"
 
 namespace krf::tone {
 
-// Curve values become integers the way the processor's truncating conversion
-// (cvttsd2si) makes them: toward zero inside the 32-bit range, and the
-// "integer indefinite" INT32_MIN for NaN, infinities and anything outside it.
-// A plain cast would be undefined there; with this, degenerate parameters
-// (NaN, a zero divisor, gamma <= 0, white levels that make a logarithm
-// negative) give one reproducible result instead of a corrected one.
-constexpr std::int32_t truncate_to_int32(double value) noexcept {
-    if (value > -2147483649.0 && value < 2147483648.0) return static_cast<std::int32_t>(value);
-    return INT32_MIN;
-}
-
-// A table entry keeps the low 16 bits of that conversion (so out-of-range
-// and non-finite values store 0).
-constexpr Sample to_table_entry(double value) noexcept {
-    return static_cast<Sample>(static_cast<std::uint32_t>(truncate_to_int32(value)) & 0xFFFFu);
-}
+// Curve values become integers through the processor's truncating
+// conversion (interface/truncation.h), so degenerate parameters (NaN, a zero
+// divisor, gamma <= 0, white levels that make a logarithm negative) give one
+// reproducible result instead of a corrected one. A table entry keeps the low
+// 16 bits of that conversion (so out-of-range and non-finite values store 0).
+using krf::truncate_to_int32;
+constexpr Sample to_table_entry(double value) noexcept { return truncate_to_low16(value); }
 
 // height × width as a 32-bit integer product, the pixel count the histogram
 // filters divide by. Beyond 2^31 samples it wraps instead of overflowing.
