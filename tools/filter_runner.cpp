@@ -43,6 +43,9 @@ FilterRun run_filter(const FILTERLIST& filter, ParameterSet& params, const GreyI
     case ResultPlace::output: break;
     }
     run.grey.white = white;
+    run.grey.derivation = "krfilter ";
+    run.grey.derivation += name;
+    if (params.size() > 0) run.grey.derivation.append(" ").append(params.summary());
     return run;
 }
 

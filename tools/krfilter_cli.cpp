@@ -148,8 +148,9 @@ int run_command(const RunRequest& request) {
     const int white = request.white > 0 ? request.white : input.white;
     const std::string white_origin = request.white > 0 ? "--white" : describe(source);
     if (request.dry_run) {
-        std::printf("%s: %d x %d, %d-bit, white %d (from %s)\n", request.input.c_str(), input.width, input.height,
-                    input.bit_depth, white, white_origin.c_str());
+        std::printf("%s: %d x %d, %d-bit, white %d (from %s)%s%s\n", request.input.c_str(), input.width,
+                    input.height, input.bit_depth, white, white_origin.c_str(), input.notes.empty() ? "" : ", ",
+                    input.notes.c_str());
         std::printf("would run %s with %s\n", filter->name, params.summary().c_str());
         return 0;
     }

@@ -10,7 +10,7 @@ work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
+cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; exit 1; }
 soname=$(objdump -p "$prefix"/lib*/libkrfilter.so* 2>/dev/null | awk '/SONAME/ {print $2; exit}')
 [ "$soname" = "libkrfilter.so.0" ] || { echo "SONAME is '$soname', expected libkrfilter.so.0"; exit 1; }
 [ -x "$prefix/bin/krfilter" ] || { echo "the krfilter tool was not installed"; exit 1; }

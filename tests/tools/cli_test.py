@@ -223,7 +223,7 @@ class Cli(unittest.TestCase):
         for name, fragment in [
             ("missing.png", "No such file"),
             ("empty.png", "empty file"),
-            ("text.png", "not a PNG or TIFF file"),
+            ("text.png", "not a PNG, TIFF or DICOM file"),
             ("cut.png", "corrupt or truncated PNG"),
             ("bad-crc.png", "corrupt or truncated PNG"),
             ("cut.tif", "corrupt or truncated TIFF"),

@@ -1,0 +1,195 @@
+// DICOM files: the real compressed radiographs decode to the same samples as
+// their PNG copies, a derived file keeps the input's identity but not its
+// instance, and unsuitable files are refused in one line. Test files are made
+// with the toolkit's own writer, independently of the code under test.
+#include <gdcmAttribute.h>
+#include <gdcmImageWriter.h>
+#include <gdcmReader.h>
+#include <gdcmTrace.h>
+#include <gdcmWriter.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <tuple>
+
+#include "image_io.h"
+#include "phantom.h"
+
+namespace krf::tools {
+namespace {
+
+namespace fs = std::filesystem;
+
+class DicomFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        gdcm::Trace::WarningOff();  // about attributes the toolkit fills in for our test files
+        folder_ = fs::temp_directory_path() /
+                  ("krfilter-dicom-" + std::to_string(getpid()) + "-" +
+                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(folder_);
+        fs::create_directories(folder_);
+    }
+    void TearDown() override { fs::remove_all(folder_); }
+    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+
+    fs::path folder_;
+};
+
+std::string data_file(const char* name) { return std::string(KRFILTER_DATA_DIR) + "/" + name; }
+
+std::string text(const gdcm::DataSet& dataset, std::uint16_t group, std::uint16_t element) {
+    const gdcm::Tag tag(group, element);
+    if (!dataset.FindDataElement(tag) || dataset.GetDataElement(tag).GetByteValue() == nullptr) return {};
+    const gdcm::ByteValue* value = dataset.GetDataElement(tag).GetByteValue();
+    std::string s(value->GetPointer(), value->GetLength());
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
+    return s;
+}
+
+// A small image written by the toolkit: `frames` frames of `samples` samples
+// per pixel, `stored` of `allocated` bits.
+void write_test_dicom(const std::string& file, unsigned frames, unsigned short samples, unsigned short allocated,
+                      unsigned short stored, bool with_pixels = true) {
+    gdcm::ImageWriter writer;
+    gdcm::Image& image = writer.GetImage();
+    image.SetNumberOfDimensions(frames > 1 ? 3 : 2);
+    image.SetDimension(0, 6);
+    image.SetDimension(1, 4);
+    if (frames > 1) image.SetDimension(2, frames);
+    gdcm::PixelFormat format(samples, allocated, stored, static_cast<unsigned short>(stored - 1), 0);
+    image.SetPixelFormat(format);
+    image.SetPhotometricInterpretation(samples == 3 ? gdcm::PhotometricInterpretation::RGB
+                                                    : gdcm::PhotometricInterpretation::MONOCHROME2);
+    image.SetTransferSyntax(gdcm::TransferSyntax::ExplicitVRLittleEndian);
+    std::vector<char> pixels(6u * 4u * frames * samples * (allocated / 8u), 1);
+    gdcm::DataElement data(gdcm::Tag(0x7fe0, 0x0010));
+    data.SetByteValue(pixels.data(), static_cast<std::uint32_t>(pixels.size()));
+    image.SetDataElement(data);
+    writer.SetFileName(file.c_str());
+    ASSERT_TRUE(writer.Write());
+    if (with_pixels) return;
+    gdcm::Reader reader;
+    reader.SetFileName(file.c_str());
+    ASSERT_TRUE(reader.Read());
+    reader.GetFile().GetDataSet().Remove(gdcm::Tag(0x7fe0, 0x0010));
+    gdcm::Writer stripped;
+    stripped.SetFile(reader.GetFile());
+    stripped.SetFileName(file.c_str());
+    ASSERT_TRUE(stripped.Write());
+}
+
+TEST_F(DicomFiles, RealRadiographsDecodeToTheSamplesOfTheirPngCopies) {
+    const std::tuple<const char*, const char*, int> files[] = {{"RG3_J2KR.dcm", "cr-leg-10bit.png", 1023},
+                                                                {"RG1_J2KI.dcm", "cr-15bit.png", 32767}};
+    for (const auto& [dicom, png, white] : files) {
+        SCOPED_TRACE(dicom);
+        if (!fs::exists(data_file(dicom))) GTEST_SKIP() << data_file(dicom) << " is not available";
+        GreyImage from_dicom, from_png;
+        WhiteSource source{};
+        ASSERT_EQ(read_grey_image(data_file(dicom), from_dicom, &source), "");
+        ASSERT_EQ(read_grey_image(data_file(png), from_png), "");
+        EXPECT_EQ(std::tie(from_dicom.height, from_dicom.width, from_dicom.white, source),
+                  std::make_tuple(from_png.height, from_png.width, white, WhiteSource::dicom_bits_stored));
+        EXPECT_EQ(from_dicom.photometric, Photometric::monochrome1);
+        EXPECT_NE(from_dicom.notes.find("MONOCHROME1"), std::string::npos);
+        EXPECT_TRUE(from_dicom.samples == from_png.samples);
+    }
+}
+
+TEST_F(DicomFiles, DerivedFileKeepsPatientStudyAndSeriesAndItsSamples) {
+    if (!fs::exists(data_file("RG3_J2KR.dcm"))) GTEST_SKIP() << "the real radiographs are not available";
+    GreyImage image;
+    ASSERT_EQ(read_grey_image(data_file("RG3_J2KR.dcm"), image), "");
+    for (std::uint16_t& v : image.samples) v = static_cast<std::uint16_t>(1023 - v);
+    image.derivation = "krfilter reverse";
+    ASSERT_EQ(write_grey_image(path("derived.dcm"), image), "");
+
+    GreyImage again;
+    ASSERT_EQ(read_grey_image(path("derived.dcm"), again), "");
+    EXPECT_TRUE(again.samples == image.samples);
+    EXPECT_EQ(std::tie(again.white, again.bit_depth, again.photometric),
+              std::make_tuple(1023, 16, Photometric::monochrome1));
+
+    gdcm::Reader original, derived;
+    original.SetFileName(data_file("RG3_J2KR.dcm").c_str());
+    derived.SetFileName(path("derived.dcm").c_str());
+    ASSERT_TRUE(original.Read() && derived.Read());
+    const gdcm::DataSet& a = original.GetFile().GetDataSet();
+    const gdcm::DataSet& b = derived.GetFile().GetDataSet();
+    for (const auto& [group, element] : {std::pair{0x0010, 0x0010}, {0x0010, 0x0020}, {0x0020, 0x000d},
+                                         {0x0020, 0x000e}, {0x0008, 0x0060}})
+        EXPECT_EQ(text(a, group, element), text(b, group, element)) << std::hex << group << "," << element;
+    EXPECT_NE(text(a, 0x0008, 0x0018), text(b, 0x0008, 0x0018));
+    EXPECT_EQ(text(b, 0x0008, 0x0008).rfind("DERIVED", 0), 0u);
+    EXPECT_EQ(text(b, 0x0008, 0x2111), "krfilter reverse");
+    EXPECT_EQ(derived.GetFile().GetHeader().GetDataSetTransferSyntax(), gdcm::TransferSyntax::ExplicitVRLittleEndian);
+}
+
+TEST_F(DicomFiles, PngBecomesASecondaryCaptureOfItsOwn) {
+    for (const int bit_depth : {8, 16}) {
+        const int white = bit_depth == 8 ? 255 : 4095;
+        GreyImage image{9, 14, bit_depth, white, std::vector<std::uint16_t>(9 * 14)};
+        synthesize_phantom(image.samples.data(), 9, 14, white, 3);
+        ASSERT_EQ(write_grey_image(path("new.dcm"), image), "");
+        GreyImage again;
+        WhiteSource source{};
+        ASSERT_EQ(read_grey_image(path("new.dcm"), again, &source), "");
+        EXPECT_TRUE(again.samples == image.samples) << bit_depth;
+        EXPECT_EQ(std::tie(again.white, again.bit_depth, again.photometric, source),
+                  std::make_tuple(white, bit_depth, Photometric::monochrome2, WhiteSource::dicom_bits_stored));
+        gdcm::Reader reader;
+        reader.SetFileName(path("new.dcm").c_str());
+        ASSERT_TRUE(reader.Read());
+        EXPECT_EQ(text(reader.GetFile().GetDataSet(), 0x0008, 0x0016), "1.2.840.10008.5.1.4.1.1.7");
+        EXPECT_FALSE(text(reader.GetFile().GetDataSet(), 0x0020, 0x000d).empty());
+    }
+}
+
+TEST_F(DicomFiles, UnsuitableFilesAreRefusedInOneLine) {
+    write_test_dicom(path("frames.dcm"), 2, 1, 16, 12);
+    write_test_dicom(path("colour.dcm"), 1, 3, 8, 8);
+    write_test_dicom(path("empty.dcm"), 1, 1, 16, 12, false);
+    write_test_dicom(path("bits.dcm"), 1, 1, 16, 12);
+    // BitsStored (0028,0101) forged to 20: the toolkit would not write it.
+    std::fstream forged(path("bits.dcm"), std::ios::binary | std::ios::in | std::ios::out);
+    const std::string bytes{std::istreambuf_iterator<char>(forged), std::istreambuf_iterator<char>()};
+    const std::size_t at = bytes.find(std::string("\x28\x00\x01\x01US\x02\x00", 8));
+    ASSERT_NE(at, std::string::npos);
+    forged.seekp(static_cast<std::streamoff>(at + 8));
+    forged.put(20);
+    forged.close();
+
+    const std::pair<const char*, const char*> cases[] = {
+        {"frames.dcm", "multi-frame"}, {"colour.dcm", "not a greyscale image"},
+        {"empty.dcm", "without pixel data"}, {"bits.dcm", "BitsStored"}};
+    for (const auto& [name, words] : cases) {
+        GreyImage image;
+        const std::string problem = read_grey_image(path(name), image);
+        EXPECT_NE(problem.find(words), std::string::npos) << name << ": " << problem;
+        EXPECT_EQ(problem.find('\n'), std::string::npos) << name;
+        EXPECT_TRUE(image.samples.empty()) << name;
+    }
+}
+
+// Cuts of a real compressed file and of an uncompressed derived one: each is
+// refused (the sanitizer build checks the decoder's error paths).
+TEST_F(DicomFiles, TruncatedFilesAreRefused) {
+    if (!fs::exists(data_file("RG3_J2KR.dcm"))) GTEST_SKIP() << "the real radiographs are not available";
+    std::ifstream file(data_file("RG3_J2KR.dcm"), std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    for (const std::size_t length : {std::size_t{0}, std::size_t{100}, std::size_t{132}, std::size_t{600},
+                                     bytes.size() / 3, bytes.size() - 4000}) {
+        std::ofstream(path("cut.dcm"), std::ios::binary | std::ios::trunc) << bytes.substr(0, length);
+        GreyImage image;
+        EXPECT_NE(read_grey_image(path("cut.dcm"), image), "") << "cut to " << length << " bytes was accepted";
+        EXPECT_TRUE(image.samples.empty());
+    }
+}
+
+}  // namespace
+}  // namespace krf::tools
