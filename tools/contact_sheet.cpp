@@ -173,9 +173,11 @@ void draw_text(RgbCanvas& canvas, int top, int left, std::string_view text, Colo
 
 RgbCanvas grey_thumbnail(const GreyImage& image, int side) {
     const std::uint32_t white = static_cast<std::uint32_t>(std::max(image.white, 1));
+    const bool inverted = image.photometric == Photometric::monochrome1;
     return reduce(image.height, image.width, side, [&](int r, int c, int) {
         const std::uint32_t v = std::min<std::uint32_t>(image.row(r)[c], white);
-        return (v * 255 + white / 2) / white;
+        const std::uint32_t level = (v * 255 + white / 2) / white;
+        return inverted ? 255 - level : level;
     });
 }
 

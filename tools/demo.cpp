@@ -91,7 +91,7 @@ std::string result_text(const Outcome& o) {
     return std::to_string(o.code) + ": " + describe_result(o.code, true);
 }
 
-void write_page(const std::filesystem::path& folder, const DemoOptions& options, const std::vector<Outcome>& outcomes,
+void write_page(const std::filesystem::path& folder, const std::string& input_html, const std::vector<Outcome>& outcomes,
                 const std::string& failed_writes) {
     std::ostringstream page;
     page << "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>krfilter demo</title>\n"
@@ -99,10 +99,7 @@ void write_page(const std::filesystem::path& folder, const DemoOptions& options,
          << "table{border-collapse:collapse}td,th{border:1px solid #555;padding:6px;vertical-align:top}"
          << "img{width:320px;image-rendering:auto}a{color:#9cf}.fail{color:#f99}small{color:#aaa}</style>\n"
          << "</head><body>\n<h1>krfilter demo</h1>\n"
-         << "<p>Input: a synthetic radiograph of " << options.size << " &times; " << options.size
-         << " samples, white level " << options.white
-         << " (collimated field, soft tissue, two bones with a joint, signal-dependent noise, impulse specks, "
-         << "a faint defective column). Every filter of this build ran once with its catalogue defaults or the "
+         << "<p>Input: " << input_html << ". Every filter of this build ran once with its catalogue defaults or the "
          << "demo value noted beside it. Pictures are 8-bit display versions; the links lead to the full-depth "
          << "files. Overview: <a href=\"contact-sheet.png\">contact sheet</a>.</p>\n";
     if (!failed_writes.empty()) page << "<p class=\"fail\">" << html_escape(failed_writes) << "</p>\n";
@@ -167,17 +164,38 @@ int run_demo(const DemoOptions& options) {
     };
 
     GreyImage input;
-    input.height = input.width = options.size;
-    input.bit_depth = 16;
-    input.white = options.white;
-    input.samples.resize(static_cast<std::size_t>(options.size) * options.size);
-    synthesize_phantom(input.samples.data(), options.size, options.size, options.white, 1);
+    std::string input_html, input_title;
+    if (options.input.empty()) {
+        input.height = input.width = options.size;
+        input.bit_depth = 16;
+        input.white = options.white_override > 0 ? options.white_override : options.white;
+        input.samples.resize(static_cast<std::size_t>(options.size) * options.size);
+        synthesize_phantom(input.samples.data(), options.size, options.size, input.white, 1);
+        input_title = "phantom " + std::to_string(options.size) + " x " + std::to_string(options.size);
+        input_html = "a synthetic radiograph of " + std::to_string(options.size) + " &times; " +
+                     std::to_string(options.size) + " samples, white level " + std::to_string(input.white) +
+                     " (collimated field, soft tissue, two bones with a joint, signal-dependent noise, impulse "
+                     "specks, a faint defective column)";
+    } else {
+        if (const std::string problem = read_grey_image(options.input, input); !problem.empty()) {
+            std::fprintf(stderr, "krfilter: %s: %s\n", options.input.c_str(), problem.c_str());
+            return 1;
+        }
+        if (options.white_override > 0) input.white = options.white_override;
+        const std::string name = std::filesystem::path(options.input).filename().string();
+        input_title = name + " " + std::to_string(input.width) + " x " + std::to_string(input.height);
+        input_html = html_escape(name) + ", " + std::to_string(input.width) + " &times; " +
+                     std::to_string(input.height) + " samples, " + std::to_string(input.bit_depth) +
+                     "-bit, white level " + std::to_string(input.white) +
+                     (input.notes.empty() ? std::string() : ", " + html_escape(input.notes));
+    }
+    // The demo's pages show the picture a reader expects: an input in
+    // MONOCHROME1 sense is drawn inverted, and so are its results.
     if (!save("input.png", write_grey_image(folder / "input.png", input)) ||
         !save("input-display.png", write_grey_image(folder / "input-display.png", display_version(input)))) {
         return 1;
     }
-    std::printf("krfilter demo: %d x %d phantom, white %d, into %s\n", options.size, options.size, options.white,
-                options.folder.c_str());
+    std::printf("krfilter demo: %s, white %d, into %s\n", input_title.c_str(), input.white, options.folder.c_str());
 
     std::vector<SheetTile> tiles{{"input", grey_thumbnail(input, kThumbnail)}};
     std::vector<Outcome> outcomes;
@@ -193,7 +211,7 @@ int run_demo(const DemoOptions& options) {
                               " (" + v.reason + ")");
         }
         o.parameters = params.summary();
-        FilterRun run = run_filter(*filter, params, input, options.white);
+        FilterRun run = run_filter(*filter, params, input, input.white);
         o.code = run.code;
         o.milliseconds = run.milliseconds;
         // -3 is also what a filter says about an inverted window: ask whether
@@ -233,14 +251,13 @@ int run_demo(const DemoOptions& options) {
         outcomes.push_back(std::move(o));
     }
 
-    const std::string title = "krfilter demo: " + std::to_string(ran) + " filters, phantom " +
-                              std::to_string(options.size) + " x " + std::to_string(options.size) + ", white " +
-                              std::to_string(options.white);
+    const std::string title =
+        "krfilter demo: " + std::to_string(ran) + " filters, " + input_title + ", white " + std::to_string(input.white);
     const RgbCanvas sheet = contact_sheet(title, tiles, kThumbnail, 6);
     save("contact-sheet.png",
          write_rgb_image(folder / "contact-sheet.png", sheet.height, sheet.width, sheet.bytes.data()));
     try {
-        write_page(folder, options, outcomes, failed_writes);
+        write_page(folder, input_html, outcomes, failed_writes);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "krfilter: %s\n", e.what());
         return 1;

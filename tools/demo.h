@@ -9,6 +9,8 @@ struct DemoOptions {
     std::string folder = "demo-out";
     int size = 1024;    // the phantom is size × size
     int white = 4095;   // a 12-bit acquisition
+    std::string input;       // a radiograph file to use instead of the phantom
+    int white_override = 0;  // the input's white level when not 0
 };
 
 // Writes into `folder`: input.png (16-bit) and input-display.png (8-bit);

@@ -12,6 +12,7 @@
 #include <gdcmExplicitDataElement.h>
 #include <gdcmSwapper.h>
 #include <gdcmTrace.h>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -243,6 +244,10 @@ std::string read_dicom(const std::string& path, GreyImage& image, WhiteSource& s
     if (child == 0) {
         close(channel[0]);
         quiet_toolkit();
+        // The image decoders below the toolkit print their own complaints;
+        // the parent reports the file's problem in one line.
+        const int null_device = open("/dev/null", O_WRONLY);
+        if (null_device >= 0) dup2(null_device, STDERR_FILENO);
         GreyImage decoded;
         gdcm::DataSet attributes;
         std::string report;

@@ -163,8 +163,8 @@ std::string read_grey_image(const std::string& path, GreyImage& image, WhiteSour
     return {};
 }
 
-std::string write_grey_image(const std::string& path, const GreyImage& image) {
-    const FileFormat format = format_for_output(path);
+std::string write_grey_image(const std::string& path, const GreyImage& image, FileFormat format) {
+    if (format == FileFormat::unknown) format = format_for_output(path);
     if (format == FileFormat::unknown) return unsupported_format(path);
     if (image.height < 1 || image.width < 1) return "nothing to write (empty image)";
     if (image.bit_depth != 8 && image.bit_depth != 16) return "unsupported bit depth " + std::to_string(image.bit_depth);
@@ -198,8 +198,9 @@ std::string write_grey_image(const std::string& path, const GreyImage& image) {
     return temp.rename_to_final();
 }
 
-std::string write_rgb_image(const std::string& path, int height, int width, const unsigned char* rgb) {
-    const FileFormat format = format_for_output(path);
+std::string write_rgb_image(const std::string& path, int height, int width, const unsigned char* rgb,
+                            FileFormat format) {
+    if (format == FileFormat::unknown) format = format_for_output(path);
     if (format == FileFormat::unknown) return unsupported_format(path);
     if (height < 1 || width < 1 || rgb == nullptr) return "nothing to write (empty image)";
     if (format == FileFormat::dicom) return "colour results cannot be written as DICOM (use .png or .tif)";

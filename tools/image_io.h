@@ -67,10 +67,12 @@ std::string read_grey_image(const std::string& path, GreyImage& image, WhiteSour
 // temporary name in the same folder and renamed over `path` at the end, so a
 // failure leaves an existing file as it was. Returns an empty string or one
 // line saying what went wrong.
-std::string write_grey_image(const std::string& path, const GreyImage& image);
+// `format` unknown means: by the extension of `path`.
+std::string write_grey_image(const std::string& path, const GreyImage& image, FileFormat format = FileFormat::unknown);
 
 // As write_grey_image for 8-bit RGB pixels (three bytes each, rows without padding).
-std::string write_rgb_image(const std::string& path, int height, int width, const unsigned char* rgb);
+std::string write_rgb_image(const std::string& path, int height, int width, const unsigned char* rgb,
+                            FileFormat format = FileFormat::unknown);
 
 // An 8-bit rendering for display: 0 ... white mapped linearly onto 0 ... 255,
 // the other way round for a MONOCHROME1 image.
