@@ -5,7 +5,9 @@
 #   2. the same tests built with AddressSanitizer, LeakSanitizer and
 #      UndefinedBehaviorSanitizer;
 #   3. the library cross-compiled for Windows as krfilter.dll, with its
-#      export table checked.
+#      export table checked;
+#   4. that DLL under Wine: a host program gives the same catalogue and the
+#      same output of every filter as on Linux, and the named semaphore holds.
 # Every stage runs even when an earlier one failed; the last line says PASS
 # or FAIL, and the exit status is non-zero on any failure.
 # usage: scripts/test.sh            (JOBS=n to change the parallelism, default 2)
@@ -56,10 +58,25 @@ windows_dll() {
     "$root/scripts/check-dll-exports.sh" "$root/build-mingw/krfilter.dll"
 }
 
+# Status 77 means Wine is missing: the check says so and the summary shows
+# the stage as skipped, never as passed.
+windows_under_wine() {
+  echo
+  echo "=== Windows DLL under Wine"
+  local start=$SECONDS status=0
+  bash "$root/tests/windows/check_wine.sh" "$root/build" "$root/build-mingw" "$root" || status=$?
+  case $status in
+    0) results+=("PASS  Windows DLL under Wine ($((SECONDS - start)) s)") ;;
+    77) results+=("SKIP  Windows DLL under Wine: Wine is not installed") ;;
+    *) results+=("FAIL  Windows DLL under Wine ($((SECONDS - start)) s)"); failed=1 ;;
+  esac
+}
+
 stage "dependencies" "$root/scripts/install-deps.sh"
 stage "release build and tests" release
 stage "sanitizer build and tests" sanitized
 stage "Windows DLL cross-compile and exports" windows_dll
+windows_under_wine
 
 echo
 echo "=== summary"
@@ -70,4 +87,4 @@ if [ $failed -ne 0 ]; then
   echo "test.sh: FAIL"
   exit 1
 fi
-echo "test.sh: PASS (release tests, sanitizer tests, Windows DLL exports)"
+echo "test.sh: PASS (release tests, sanitizer tests, Windows DLL exports and under Wine)"
