@@ -152,7 +152,7 @@ def _check_out(out, shape, dtype, image):
     inner = out.strides[1:] if out.ndim == 3 else ()
     if out.ndim == 3 and inner != (3, 1) or out.ndim == 2 and out.strides[1] != 2:
         raise ValueError("krfilter: out needs contiguous rows")
-    if shape[0] > 1 and abs(out.strides[0]) < out.strides[1] * shape[1] * (out.shape[2] if out.ndim == 3 else 1):
+    if shape[0] > 1 and abs(out.strides[0]) < out.strides[1] * shape[1]:
         raise ValueError("krfilter: the rows of out overlap")
     if np.may_share_memory(out, image):
         raise ValueError("krfilter: out shares memory with the image; the filters read and write separate buffers")
