@@ -11,6 +11,7 @@ import sys
 
 import numpy as np
 import pytest
+from hypothesis import settings
 from PIL import Image
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -19,6 +20,10 @@ sys.path.insert(0, os.path.dirname(HERE))
 os.environ.setdefault("KRFILTER_LIBRARY", os.path.join(SOURCE, "build"))
 
 import krfilter  # noqa: E402  (after the path set-up above)
+
+# No example database in the source tree: every run draws afresh.
+settings.register_profile("krfilter", database=None)
+settings.load_profile("krfilter")
 
 TOOL = os.environ.get("KRFILTER_TOOL", os.path.join(SOURCE, "build", "krfilter"))
 DATA = os.environ.get("KRFILTER_DATA_DIR", os.path.join(os.path.dirname(SOURCE), "shared", "data"))
