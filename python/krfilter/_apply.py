@@ -108,7 +108,9 @@ def _call_with_rgb(source, white, name, block, rgb_out):
     other = _library.CKRImage(in_rows.ctypes.data, None, height, width, white, 1, 0)
     try:
         code = lib.DoFilter(ctypes.byref(image), ctypes.byref(other), name.encode("latin-1"), block.address)
-        if code == 0 and image.rgb:
+        if code == 0 and not image.rgb:
+            raise MemoryError("krfilter: %s left no RGB buffer (its allocation failed)" % name)
+        if code == 0:
             buffer = (ctypes.c_ubyte * (height * width * 3)).from_address(image.rgb)
             rgb_out[...] = np.frombuffer(buffer, dtype=np.uint8).reshape(height, width, 3)
         return code
@@ -245,9 +247,7 @@ def apply(image, name, *values, white=None, out=None, **params):
     FilterError (out then holds an unfinished result). Bad arguments raise
     ValueError or TypeError before anything is run or written.
     """
-    if not isinstance(name, str) or name not in _catalogue.filters():
-        raise ValueError(_catalogue.unknown_filter_message(name))
-    entry = _catalogue.Filter(name, _catalogue._read_catalogue()[name], built=None)
+    entry = _catalogue.entry(name)
     source, default_white = _grey_input(image)
     if white is None:
         white = default_white

@@ -7,7 +7,9 @@ import re
 import sys
 import threading
 from dataclasses import dataclass
-from typing import Tuple
+from typing import Optional, Tuple
+
+import numpy as np
 
 from . import _library
 
@@ -38,7 +40,7 @@ class Parameter:
 class Filter:
     name: str
     parameters: Tuple[Parameter, ...]
-    built: bool       # whether this build of the library runs it
+    built: Optional[bool]  # whether this build of the library runs it (None: not asked)
 
     def parameter_names(self):
         """One line naming every parameter with its keyword and position, for messages."""
@@ -98,10 +100,8 @@ def _probe(name):
     exactly as the command-line tool decides: only an unknown name gives -3
     with the defaults. A filter writes only the buffers it is given."""
     from . import _apply  # the parameter packing lives there
-    side = 16
-    rows = [[(r * 251 + c * 17) % 4096 for c in range(side)] for r in range(side)]
-    import numpy as np
-    image = np.array(rows, dtype=np.uint16)
+    side = np.arange(16)
+    image = ((side[:, None] * 251 + side * 17) % 4096).astype(np.uint16)
     output = np.zeros_like(image)
     block = _apply.ParameterBlock(_read_catalogue()[name], {})
     with _QuietStdout():
@@ -126,10 +126,16 @@ def filters():
 
 def info(name):
     """The catalogue record of one filter (a Filter), with whether this build runs it."""
+    return Filter(name, entry(name).parameters, is_built(name))
+
+
+def entry(name):
+    """The catalogue record without asking the library whether it runs the
+    filter (that costs a trial run); ValueError for a name not catalogued."""
     records = _read_catalogue()
-    if name not in records:
+    if not isinstance(name, str) or name not in records:
         raise ValueError(unknown_filter_message(name))
-    return Filter(name, records[name], is_built(name))
+    return Filter(name, records[name], None)
 
 
 def unknown_filter_message(name):

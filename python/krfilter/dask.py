@@ -86,13 +86,10 @@ def _check_parameters(name, params):
     the library loads here; a client without the library leaves it to the workers."""
     from . import _apply, _catalogue
     try:
-        names = _catalogue.filters()
+        _catalogue.filters()
     except OSError:
         return
-    if name not in names:
-        raise ValueError(_catalogue.unknown_filter_message(name))
-    entry = _catalogue.Filter(name, _catalogue._read_catalogue()[name], built=None)
-    _apply._assign(entry, (), params)
+    _apply._assign(_catalogue.entry(name), (), params)
 
 
 def _default_client():
