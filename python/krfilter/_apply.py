@@ -22,6 +22,10 @@ class FilterError(RuntimeError):
         self.code = code
         self.meaning = meaning
 
+    def __reduce__(self):
+        # Rebuilt from its three fields when it travels between processes (Dask workers).
+        return FilterError, (self.filter, self.code, self.meaning)
+
 
 _MEANINGS = {
     -1: "no filter name was given",

@@ -81,10 +81,12 @@ def _completed(manifest):
     return done
 
 
-def _check_parameters(name, params):
+def _check_arguments(name, white, params):
     """Refuses a wrong filter name or parameter before any task starts, where
     the library loads here; a client without the library leaves it to the workers."""
     from . import _apply, _catalogue
+    if white is not None and (not isinstance(white, int) or not 0 <= white <= 65535):
+        raise ValueError("white must be a whole number from 0 to 65535, not %r" % (white,))
     try:
         _catalogue.filters()
     except OSError:
@@ -108,7 +110,7 @@ def map_files(name, inputs, output_dir, client=None, white=None, output_format=N
     input, in input order; inputs skipped as already done have status "skipped"."""
     import dask.bag
 
-    _check_parameters(name, params)
+    _check_arguments(name, white, params)
     output_dir = os.path.abspath(os.fspath(output_dir))
     os.makedirs(output_dir, exist_ok=True)
     manifest = os.path.abspath(manifest or os.path.join(output_dir, MANIFEST_NAME))

@@ -4,6 +4,8 @@ The white level is read as the command-line tool reads it: a PNG's sBIT, a
 TIFF's MaxSampleValue, a DICOM's BitsStored, or else the largest value of the
 bit depth. Results are written with the input's bit depth (8-bit files clamp
 at 255) and their white level recorded the same way; RGB results are 8-bit.
+DICOM samples are taken as stored: no rescale, and MONOCHROME1 images keep
+their inverted sense, as the tool sees the same pixels in a PNG.
 Every file is written under a temporary name in its folder and renamed into
 place, so a failure never leaves a partial file or replaces an existing one.
 """

@@ -1,5 +1,6 @@
 """The catalogue, parameter mapping, input rules, errors and threads."""
 
+import pickle
 import subprocess
 import threading
 import time
@@ -111,6 +112,7 @@ def test_non_zero_codes_raise_filter_error(image):
     with pytest.raises(krfilter.FilterError) as raised:
         krfilter.apply(image, "IsoDensity")
     assert raised.value.code == 1 and "IsoDensity" in raised.value.meaning
+    assert pickle.loads(pickle.dumps(raised.value)).code == 1  # it must reach a Dask client intact
     with pytest.raises(krfilter.FilterError) as raised:
         krfilter.apply(image, "LL-UL", lowl=0.9, hil=0.1)
     assert raised.value.code == -3 and "refused its parameters" in str(raised.value)
