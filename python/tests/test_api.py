@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 import krfilter
+from krfilter._apply import _grey_input
 from conftest import BUILT, TOOL
 
 
@@ -58,6 +59,8 @@ def test_integer_types_are_converted_by_their_values(image):
     assert np.array_equal(krfilter.apply(image.astype(np.int64), "gamma", 0.5, white=1023),
                           krfilter.apply(image, "gamma", 0.5, white=1023))
     assert np.array_equal(krfilter.apply(image.astype(">u2"), "reverse"), 65535 - image)  # uint16: white 65535
+    for view in (image, image[5:20, 3:40], image[::-1]):
+        assert np.shares_memory(_grey_input(view)[0], view)  # rows contiguous: wrapped, not copied
     columns = np.asfortranarray(image)
     assert np.array_equal(krfilter.apply(columns, "median2D", 5), krfilter.apply(image, "median2D", 5))
 
