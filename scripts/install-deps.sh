@@ -6,8 +6,15 @@ set -euo pipefail
 
 packages=(
   cmake make g++ pkg-config python3
-  libgtest-dev libgmock-dev libbenchmark-dev libopencv-dev libpng-dev libtiff-dev libgdcm-dev libcli11-dev
-  g++-multilib g++-mingw-w64-x86-64 libclang-rt-14-dev wine wine64
+  libgtest-dev libgmock-dev libbenchmark-dev libopencv-dev libpng-dev libtiff-dev
+  # The tool's DICOM files and command line.
+  libgdcm-dev libcli11-dev
+  g++-multilib g++-mingw-w64-x86-64 libclang-rt-14-dev
+  # The Windows library run under Wine.
+  wine wine64
+  # The Python package, its tests and its batch runs; gdcm decodes JPEG 2000 DICOM.
+  python3-numpy python3-pytest python3-hypothesis python3-dask python3-distributed
+  python3-pil python3-tifffile python3-pydicom python3-gdcm
 )
 
 missing=()
