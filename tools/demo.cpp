@@ -102,7 +102,7 @@ void write_page(const std::filesystem::path& folder, const DemoOptions& options,
          << "<p>Input: a synthetic radiograph of " << options.size << " &times; " << options.size
          << " samples, white level " << options.white
          << " (collimated field, soft tissue, two bones with a joint, signal-dependent noise, impulse specks, "
-         << "a faint defective column). Every filter of this build ran once with its catalogue defaults or the "
+         << "a faint defective column, a row with a fifth less gain). Every filter of this build ran once with its catalogue defaults or the "
          << "demo value noted beside it. Pictures are 8-bit display versions; the links lead to the full-depth "
          << "files. Overview: <a href=\"contact-sheet.png\">contact sheet</a>.</p>\n";
     if (!failed_writes.empty()) page << "<p class=\"fail\">" << html_escape(failed_writes) << "</p>\n";
@@ -191,6 +191,13 @@ int run_demo(const DemoOptions& options) {
             params.set(v.param, v.value);
             o.notes.push_back(std::string(params.descriptor(v.param).name) + " " + params.value_text(v.param) +
                               " (" + v.reason + ")");
+        }
+        // The phantom's defective row moves with its size, so the line to
+        // correct cannot be a constant of the table above.
+        if (std::strcmp(filter->name, "supereq") == 0 || std::strcmp(filter->name, "supereq_pre") == 0) {
+            params.set(0, phantom_defective_row(options.size));
+            o.notes.push_back(std::string(params.descriptor(0).name) + " " + params.value_text(0) +
+                              " (the phantom's defective row; 0 would correct its first row)");
         }
         o.parameters = params.summary();
         FilterRun run = run_filter(*filter, params, input, options.white);
