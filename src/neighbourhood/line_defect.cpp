@@ -54,8 +54,8 @@ ReferenceRows reference_rows(std::int64_t line, int prev_lines, int post_lines, 
 }
 
 // The level a block of samples stands at: its mean, or (percentile 1 ... 100)
-// the value of nearest rank ceil(percentile / 100 * n). Samples count at
-// most white, as everywhere else a level is read.
+// the percentile of its samples. Samples count at most white, as everywhere
+// else a level is read.
 class BlockLevel {
 public:
     BlockLevel(Sample top, int percentile, Sample* scratch) : top_(top), percentile_(percentile), scratch_(scratch) {}
@@ -70,9 +70,17 @@ public:
         std::int64_t n = 0;
         for (std::int64_t y = r.first; y < r.last; ++y)
             for (std::int64_t x = c.first; x < c.last; ++x) scratch_[n++] = std::min(rows[y][x], top_);
-        const std::int64_t rank = std::clamp<std::int64_t>((percentile_ * n + 99) / 100 - 1, 0, n - 1);
+        // Position percentile / 100 × (n − 1) in the sorted block, between
+        // ranks interpolated: on an even count the median is then the middle
+        // of the two central samples, not the lower one, which would bias the
+        // two sides of the line in opposite directions on a gradient.
+        const std::int64_t scaled = percentile_ * (n - 1);
+        const std::int64_t rank = scaled / 100;
         std::nth_element(scratch_, scratch_ + rank, scratch_ + n);
-        return scratch_[rank];
+        const double low = scratch_[rank];
+        if (scaled % 100 == 0) return low;
+        const double high = *std::min_element(scratch_ + rank + 1, scratch_ + n);
+        return low + (high - low) * static_cast<double>(scaled % 100) / 100.0;
     }
 
 private:

@@ -29,8 +29,8 @@ constexpr int kDefaultReferenceLines = 4;
 // region and percentile arguments are ignored. pre_mode non-zero: statistics
 // come only from the region of interest (width or height 0 or less: up to the
 // image's edge) and are the given percentile (0 or less: the median; 100 or
-// more: the maximum); columns left or right of the region take the gain of
-// the nearest tile.
+// more: the maximum; between ranks, interpolated); columns left or right of
+// the region take the gain of the nearest tile.
 //
 // Returns 0, kNoBuffer (output untouched), kDefectLineOutsideImage or
 // kNoReferenceLines. `src` and `dst` may be the same rows.

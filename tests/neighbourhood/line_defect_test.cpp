@@ -135,6 +135,17 @@ TEST(LineDefect, TilesFollowAGainThatChangesAlongTheLine) {
     EXPECT_GT(row_error(run("supereq", damaged, 4095, {.line = 15}), truth, 15), 0.5 * damage);  // one tile
 }
 
+TEST(LineDefect, ReferenceInterpolatesAcrossTheLine) {
+    // Rows brighten by 50 each: the rows above alone say 875 for row 10,
+    // both sides together say 1000.
+    Image in(21, 12);
+    for (int r = 0; r < 21; ++r)
+        for (int c = 0; c < 12; ++c) in.at(r, c) = static_cast<Sample>(r == 10 ? 800 : 500 + 50 * r);
+    EXPECT_EQ(run("supereq", in, 4095, {.line = 10}).at(10, 5), 1000);
+    EXPECT_EQ(run("supereq_pre", in, 4095, {.line = 10, .enable_post = 1}).at(10, 5), 1000);
+    EXPECT_EQ(run("supereq_pre", in, 4095, {.line = 10, .prev = 1}).at(10, 5), 950);  // the row above only
+}
+
 TEST(LineDefect, MaxCorrectionFactorBoundsTheGain) {
     Image in(9, 20, 1000);
     for (int c = 0; c < 20; ++c) in.at(4, c) = 800;
