@@ -74,6 +74,7 @@ public:
     }
     Wide rows() const { return rows_; }
     Wide cols() const { return cols_; }
+    const Wide* row(Wide y) const { return sums_.get() + y * stride_; }
 
     Wide disc_sum(const Disc& disc, Wide y, Wide x) const {
         Wide sum = 0;
@@ -97,25 +98,43 @@ struct Position {
 };
 
 // The centre in [y0, y1] × [x0, x1] (plane coordinates, rings inside the
-// plane) where the disc's mean differs most from the ring's.
-Position best_centre(const RowSums& plane, const Disc& inner, const Disc& outer, Wide y0, Wide y1, Wide x0,
-                     Wide x1) {
+// plane) where the disc's mean differs most from the ring's. Sums for a whole
+// row of centres are built one disc row at a time, so each step walks two
+// prefix rows in order instead of jumping between rows per centre. False when
+// the two row accumulators cannot be allocated.
+bool best_centre(const RowSums& plane, const Disc& inner, const Disc& outer, Wide y0, Wide y1, Wide x0, Wide x1,
+                 Position* best) {
+    const Wide count = x1 - x0 + 1;
+    ScratchArray<Wide> disc_sums, outer_sums;
+    if (!disc_sums.allocate(count) || !outer_sums.allocate(count)) return false;
+    Wide* disc = disc_sums.get();
+    Wide* out = outer_sums.get();
     const double inner_count = static_cast<double>(inner.count());
     const double ring_count = static_cast<double>(outer.count() - inner.count());
-    Position best{y0, x0};
     double best_score = -1.0;
-    for (Wide y = y0; y <= y1; ++y)
-        for (Wide x = x0; x <= x1; ++x) {
-            const Wide disc = plane.disc_sum(inner, y, x);
-            const Wide ring = plane.disc_sum(outer, y, x) - disc;
-            const double score =
-                std::fabs(static_cast<double>(disc) / inner_count - static_cast<double>(ring) / ring_count);
+    for (Wide y = y0; y <= y1; ++y) {
+        std::fill(disc, disc + count, Wide{0});
+        std::fill(out, out + count, Wide{0});
+        for (Wide dy = -outer.radius(); dy <= outer.radius(); ++dy) {
+            const Wide* row = plane.row(y + dy);
+            const Wide* right = row + x0 + outer.half(dy) + 1;
+            const Wide* left = row + x0 - outer.half(dy);
+            for (Wide i = 0; i < count; ++i) out[i] += right[i] - left[i];
+            if (dy < -inner.radius() || dy > inner.radius()) continue;
+            const Wide* inner_right = row + x0 + inner.half(dy) + 1;
+            const Wide* inner_left = row + x0 - inner.half(dy);
+            for (Wide i = 0; i < count; ++i) disc[i] += inner_right[i] - inner_left[i];
+        }
+        for (Wide i = 0; i < count; ++i) {
+            const double score = std::fabs(static_cast<double>(disc[i]) / inner_count -
+                                           static_cast<double>(out[i] - disc[i]) / ring_count);
             if (score > best_score) {
                 best_score = score;
-                best = {y, x};
+                *best = {y, x0 + i};
             }
         }
-    return best;
+    }
+    return true;
 }
 
 bool fits(Wide outer, Wide height, Wide width) { return 2 * outer + 1 <= height && 2 * outer + 1 <= width; }
@@ -155,8 +174,11 @@ int locate_landmark(Rows src, int height, int width, int white, LandmarkTemplate
             !plane.build(src, top_level, 0, 0, height / scale, width / scale, scale)) {
             return kNoBuffer;
         }
-        const Position c = best_centre(plane, inner, outer, coarse.outer, plane.rows() - 1 - coarse.outer,
-                                       coarse.outer, plane.cols() - 1 - coarse.outer);
+        Position c;
+        if (!best_centre(plane, inner, outer, coarse.outer, plane.rows() - 1 - coarse.outer, coarse.outer,
+                         plane.cols() - 1 - coarse.outer, &c)) {
+            return kNoBuffer;
+        }
         centre = {c.y * scale + (scale - 1) / 2, c.x * scale + (scale - 1) / 2};
     }
 
@@ -171,8 +193,11 @@ int locate_landmark(Rows src, int height, int width, int white, LandmarkTemplate
                       x1 - x0 + 1 + 2 * shape.outer, 1)) {
         return kNoBuffer;
     }
-    const Position best = best_centre(window, inner, outer, shape.outer, y1 - y0 + shape.outer, shape.outer,
-                                      x1 - x0 + shape.outer);
+    Position best;
+    if (!best_centre(window, inner, outer, shape.outer, y1 - y0 + shape.outer, shape.outer, x1 - x0 + shape.outer,
+                     &best)) {
+        return kNoBuffer;
+    }
     const Wide disc = window.disc_sum(inner, best.y, best.x);
     found->row = static_cast<int>(best.y - shape.outer + y0);
     found->column = static_cast<int>(best.x - shape.outer + x0);
