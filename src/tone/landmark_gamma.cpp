@@ -60,15 +60,23 @@ public:
         rows_ = rows;
         cols_ = cols;
         stride_ = cols + 1;
-        if (!sums_.allocate(rows * stride_)) return false;
+        // Column sums of a band of `scale` rows first: each image row is then
+        // read once, in order, in a loop the compiler can vectorise.
+        const Wide span = cols * scale;
+        ScratchArray<Wide> band;
+        if (!sums_.allocate(rows * stride_) || !band.allocate(span)) return false;
         for (Wide y = 0; y < rows; ++y) {
-            Wide* row = sums_.get() + y * stride_;
+            std::fill(band.get(), band.get() + span, Wide{0});
             for (Wide k = 0; k < scale; ++k) {
                 const Sample* in = src[top + y * scale + k] + left;
-                for (Wide x = 0; x < cols; ++x)
-                    for (Wide j = 0; j < scale; ++j) row[x + 1] += std::min(in[x * scale + j], top_level);
+                for (Wide x = 0; x < span; ++x) band[x] += std::min(in[x], top_level);
             }
-            for (Wide x = 0; x < cols; ++x) row[x + 1] += row[x];
+            Wide* row = sums_.get() + y * stride_;
+            for (Wide x = 0; x < cols; ++x) {
+                Wide block = 0;
+                for (Wide j = 0; j < scale; ++j) block += band[x * scale + j];
+                row[x + 1] = row[x] + block;
+            }
         }
         return true;
     }

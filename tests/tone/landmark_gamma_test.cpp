@@ -128,7 +128,7 @@ TEST(LandmarkGamma, AllocationFailuresLeaveTheOutputUntouched) {
     Params p = gammaporion(1.5, 2.0, 2.0);
     const int allocations = expect_clean_allocation_failures(
         [&](Image& out) { return run_filter("gammaporion", in, out, 4095, p.data()); }, 400, 400, {krf::kNoBuffer});
-    EXPECT_EQ(allocations, 11);  // two searches (two discs, the sums, two row accumulators) and the table
+    EXPECT_EQ(allocations, 13);  // two searches (two discs, sums and a band, two accumulators) and the table
 }
 
 }  // namespace
