@@ -72,7 +72,8 @@ void supereq_pre(benchmark::State& state) {
     int line = tools::phantom_defective_row(kHeight), prev = 0, post = 0, tile = 64;
     int roi_width = 0, roi_height = 0, roi_v = 0, roi_h = 0, percentile = 50, enable_post = 1;
     double factor = 0;
-    void* p[] = {&line, &prev, &post, &tile, &factor, &roi_width, &roi_height, &roi_v, &roi_h, &percentile, &enable_post};
+    void* p[] = {&line, &prev, &post, &tile, &factor, &roi_width,
+                 &roi_height, &roi_v, &roi_h, &percentile, &enable_post};
     run_filter_case(state, "supereq_pre", p);
 }
 
