@@ -163,10 +163,11 @@ int locate_landmark(Rows src, int height, int width, int white, LandmarkTemplate
         return kLandmarkTemplateTooLarge;
     const Sample top_level = static_cast<Sample>(std::clamp(white, 0, 65535));
 
-    // Coarse search on block sums: a disc of a few dozen pixels stays a disc
-    // at a quarter of its radius, and the search then costs a sixteenth.
-    // The full-resolution refinement around the coarse winner restores the
-    // exact position.
+    // Coarse search on block sums: blocks a quarter of the disc's radius or
+    // the ring's width (whichever is smaller) leave both about four pixels
+    // across, still a disc and a ring, and the search costs 1 / scale² of a
+    // full one. The full-resolution refinement around the coarse winner
+    // restores the exact position.
     Wide scale = std::max<Wide>(1, std::min(shape.inner, shape.outer - shape.inner) / 4);
     Disc inner, outer;
     auto reduced = [&](Wide s) {
