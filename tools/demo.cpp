@@ -102,7 +102,7 @@ void write_page(const std::filesystem::path& folder, const DemoOptions& options,
          << "<p>Input: a synthetic radiograph of " << options.size << " &times; " << options.size
          << " samples, white level " << options.white
          << " (collimated field, soft tissue, two bones with a joint, signal-dependent noise, impulse specks, "
-         << "a faint defective column, a row with a fifth less gain). Every filter of this build ran once with its catalogue defaults or the "
+         << "a faint defective column). Every filter of this build ran once with its catalogue defaults or the "
          << "demo value noted beside it. Pictures are 8-bit display versions; the links lead to the full-depth "
          << "files. Overview: <a href=\"contact-sheet.png\">contact sheet</a>.</p>\n";
     if (!failed_writes.empty()) page << "<p class=\"fail\">" << html_escape(failed_writes) << "</p>\n";
