@@ -210,6 +210,13 @@ int run_demo(const DemoOptions& options) {
             o.notes.push_back(std::string(params.descriptor(v.param).name) + " " + params.value_text(v.param) +
                               " (" + v.reason + ")");
         }
+        // The phantom's defective row moves with its size, so the line to
+        // correct cannot be a constant of the table above.
+        if (std::strcmp(filter->name, "supereq") == 0 || std::strcmp(filter->name, "supereq_pre") == 0) {
+            params.set(0, phantom_defective_row(options.size));
+            o.notes.push_back(std::string(params.descriptor(0).name) + " " + params.value_text(0) +
+                              " (the phantom's defective row; 0 would correct its first row)");
+        }
         o.parameters = params.summary();
         FilterRun run = run_filter(*filter, params, input, input.white);
         o.code = run.code;

@@ -266,6 +266,9 @@ std::string describe_result(int code, bool built) {
     case 1115110: return "out of memory: SMF could not allocate its scratch images";
     case 1117100: return "out of memory: spine compensation could not allocate its border finder";
     case 1117101: return "out of memory: spine compensation could not allocate its work memory";
+    case 1121100: return "the defective line is not a row of the image; the input was copied";
+    case 1121110: return "no rows to compare the defective line with; the input was copied";
+    case 1122100: return "the landmark template does not fit inside the image; the input was copied";
     case 363500: return "internal error: a filter object received parameters of the wrong kind";
     case -5: return "an image operation refused its kernel (size below 3 or even, or sigma not above 0)";
     case -6: return "an image operation refused the image size";

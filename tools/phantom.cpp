@@ -30,6 +30,7 @@ void synthesize_phantom(std::uint16_t* samples, int height, int width, int white
     const int top = height / 12, bottom = height - height / 10;
     const int left = width / 10, right = width - width / 12;
     const int defective_column = width / 3 + 1;
+    const int defective_row = phantom_defective_row(height);
     for (int r = 0; r < height; ++r) {
         const double y = (r + 0.5) / height;
         for (int c = 0; c < width; ++c) {
@@ -52,6 +53,7 @@ void synthesize_phantom(std::uint16_t* samples, int height, int width, int white
             // into a spread that shrinks as the exposure (the value) grows.
             v += 0.004 * w * std::sqrt(0.25 * w / (std::max(v, 0.0) + 0.05 * w)) * random.bell();
             if (c == defective_column) v *= 0.97;
+            if (r == defective_row) v *= 0.8;  // a detector line whose gain fell by a fifth
             if ((random.next() & 4095) == 0) v = (random.next() & 1) ? w : 0.0;  // impulse specks
             samples[static_cast<std::size_t>(r) * width + c] = static_cast<std::uint16_t>(std::clamp(v + 0.5, 0.0, w));
         }

@@ -4,7 +4,9 @@
 // catalogue's; a filter appears here only once its handler exists, so any
 // other name is refused with -3.
 #include "interface/dispatch.h"
+#include "interface/truncation.h"
 #include "neighbourhood/local_filters.h"
+#include "neighbourhood/line_defect.h"
 #include "neighbourhood/median.h"
 #include "platform/platform.h"
 #include "tone/tone.h"
@@ -33,6 +35,11 @@ int entropy_contrast_entry(const FilterCall& c, void** p, int gaussian_weights) 
 const DispatchEntry dispatch_table[] = {
     {"gamma", true, [](const FilterCall& c, void** p) { return tone::gamma_curve(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0)); }},
     {"gammalog", true, [](const FilterCall& c, void** p) { return tone::gammalog_curve(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0)); }},
+    // Radius and RadiusExt arrive as doubles and are truncated like every other fraction.
+    {"gammaporion", true, [](const FilterCall& c, void** p) {
+         return tone::landmark_gamma(c.src, c.dst, c.height, c.width, c.white, truncate_to_int32(double_param(p, 1)),
+                                     truncate_to_int32(double_param(p, 2)), double_param(p, 0));
+     }},
     {"sigma", true, [](const FilterCall& c, void** p) { return tone::sigma_curve(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1)); }},
     {"LL-UL", true, [](const FilterCall& c, void** p) { return tone::ll_ul_window(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1)); }},
     {"linear", true, [](const FilterCall& c, void** p) { return tone::linear_window(c.src, c.dst, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1)); }},
@@ -76,6 +83,19 @@ const DispatchEntry dispatch_table[] = {
     }},
     {"IsoDensity", true, iso_density},
     {"flip", true, [](const FilterCall& c, void** p) { return tone::flip(c.src, c.dst, c.height, c.width, 0, int_param(p, 0) != 0 ? 1 : 0, int_param(p, 1) != 0 ? 1 : 0); }},
+    // One handler: "supereq" measures with means over the whole image and
+    // always looks below the line; "supereq_pre" adds the region, the
+    // percentile and the choice of looking below.
+    {"supereq", true, [](const FilterCall& c, void** p) {
+         return line_defect_correction(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0), int_param(p, 1),
+                                       int_param(p, 2), int_param(p, 3), 1, 0, 0, 0, 0, 0, 0, double_param(p, 4));
+     }},
+    {"supereq_pre", true, [](const FilterCall& c, void** p) {
+         return line_defect_correction(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0), int_param(p, 1),
+                                       int_param(p, 2), int_param(p, 3), int_param(p, 10), 1, int_param(p, 5),
+                                       int_param(p, 6), int_param(p, 7), int_param(p, 8), int_param(p, 9),
+                                       double_param(p, 4));
+     }},
 };
 
 const std::size_t dispatch_table_size = sizeof dispatch_table / sizeof dispatch_table[0];

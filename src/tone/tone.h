@@ -67,6 +67,41 @@ int gamma_curve(Rows src, Rows dst, int height, int width, int white, double gam
 int sigma_curve(Rows src, Rows dst, int height, int width, int white, double steepness, double shift) noexcept;
 int gammalog_curve(Rows src, Rows dst, int height, int width, int white, double g) noexcept;
 
+// ---- Landmark gamma (landmark_gamma.cpp) ----
+
+// The template does not fit inside the image; the output is a copy of the input.
+constexpr int kLandmarkTemplateTooLarge = 1122100;
+// Exponent used when "Gamma" is 0, negative or not finite.
+constexpr double kDefaultLandmarkGamma = 1.5;
+
+// The template in pixels: a disc of `inner` radius and the ring around it out
+// to `outer`. Radii grow with the image: with unit = max(2, shorter side / 128),
+// inner = (Radius + 1) × unit and outer = inner + (RadiusExt + 1) × unit
+// (negative values count as 0).
+struct LandmarkTemplate {
+    std::int64_t inner;
+    std::int64_t outer;
+};
+LandmarkTemplate landmark_template(int height, int width, int radius, int radius_ext) noexcept;
+
+struct Landmark {
+    int row;
+    int column;
+    int level;  // mean of the disc's samples (at most white), rounded half up
+};
+
+// The centre where the disc's mean differs most from the ring's (the first in
+// raster order among equals), over every centre whose ring lies inside the
+// image. Returns 0, kNoBuffer or kLandmarkTemplateTooLarge.
+int locate_landmark(Rows src, int height, int width, int white, LandmarkTemplate shape, Landmark* found) noexcept;
+
+// "gammaporion": a power curve anchored at the landmark's level L. Levels
+// below L follow L × (i / L)^gamma, levels above it
+// W − (W − L) × ((W − i) / (W − L))^gamma, so L keeps its value and a gamma
+// above 1 spreads the levels around it toward 0 and white.
+int landmark_gamma(Rows src, Rows dst, int height, int width, int white, int radius, int radius_ext,
+                   double gamma) noexcept;
+
 // ---- Windowing curves (windowing.cpp) ----
 // Code of "LL-UL" and "gammalin" for a window whose lower level lies above its upper one.
 constexpr int kInvertedWindow = -3;

@@ -37,7 +37,7 @@ private:
 };
 
 // The synthetic radiograph of the demo (collimated field, bones, noise,
-// specks, a defective column), all within 0 ... white.
+// specks, a defective column and a defective row), all within 0 ... white.
 Image phantom(int height, int width, int white, std::uint32_t seed = 1);
 
 // Values of mixed types behind stable pointers, in the order they are added.
