@@ -175,7 +175,7 @@ int run_demo(const DemoOptions& options) {
         input_html = "a synthetic radiograph of " + std::to_string(options.size) + " &times; " +
                      std::to_string(options.size) + " samples, white level " + std::to_string(input.white) +
                      " (collimated field, soft tissue, two bones with a joint, signal-dependent noise, impulse "
-                     "specks, a faint defective column)";
+                     "specks, a faint defective column, a detector row with 20 % less gain)";
     } else {
         if (const std::string problem = read_grey_image(options.input, input); !problem.empty()) {
             std::fprintf(stderr, "krfilter: %s: %s\n", options.input.c_str(), problem.c_str());
@@ -211,8 +211,10 @@ int run_demo(const DemoOptions& options) {
                               " (" + v.reason + ")");
         }
         // The phantom's defective row moves with its size, so the line to
-        // correct cannot be a constant of the table above.
-        if (std::strcmp(filter->name, "supereq") == 0 || std::strcmp(filter->name, "supereq_pre") == 0) {
+        // correct cannot be a constant of the table above. A real radiograph
+        // has no known defective row: the catalogue default stays.
+        if (options.input.empty() &&
+            (std::strcmp(filter->name, "supereq") == 0 || std::strcmp(filter->name, "supereq_pre") == 0)) {
             params.set(0, phantom_defective_row(options.size));
             o.notes.push_back(std::string(params.descriptor(0).name) + " " + params.value_text(0) +
                               " (the phantom's defective row; 0 would correct its first row)");
