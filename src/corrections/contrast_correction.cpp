@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "interface/truncation.h"
 #include "platform/memory.h"
@@ -243,6 +244,30 @@ void map_tile(const Count* hist, const Target& target, float* map) noexcept {
     }
 }
 
+// Lowest and highest sample of a row of width >= 1. The samples are compared
+// with their top bit flipped as signed numbers, the same order, because the
+// base instruction set has signed 16-bit minimum and maximum only: so the
+// loop vectorises on every x86-64.
+std::pair<Sample, Sample> row_range(const Sample* row, int width) noexcept {
+    std::int16_t lowest = INT16_MAX, highest = INT16_MIN;
+    for (int c = 0; c < width; ++c) {
+        const auto flipped = static_cast<std::int16_t>(row[c] ^ 0x8000u);
+        lowest = std::min(lowest, flipped);
+        highest = std::max(highest, flipped);
+    }
+    return {static_cast<Sample>(lowest ^ 0x8000), static_cast<Sample>(highest ^ 0x8000)};
+}
+
+// truncate_to_low16 for a single-precision value, written so that it
+// vectorises: the same "integer indefinite" for NaN and values out of range.
+inline Sample to_sample(float value) noexcept {
+    const bool in_range = value > -2147483648.0f && value < 2147483648.0f;
+    const std::int32_t whole = in_range ? static_cast<std::int32_t>(value) : INT32_MIN;
+    return static_cast<Sample>(static_cast<std::uint32_t>(whole) & 0xFFFFu);
+}
+
+constexpr int kBlendChunk = 256;
+
 void write_zeros(Rows dst, int height, int width) noexcept {
     for (int r = 0; r < height; ++r) std::memset(dst[r], 0, static_cast<std::size_t>(width) * sizeof(Sample));
 }
@@ -286,11 +311,9 @@ int contrast_correction(Rows src, Rows dst, int height, int width, int white, in
 
     Sample lowest = src[0][0], highest = src[0][0];
     for (int r = 0; r < height; ++r) {
-        const Sample* row = src[r];
-        for (int c = 0; c < width; ++c) {
-            lowest = std::min(lowest, row[c]);
-            highest = std::max(highest, row[c]);
-        }
+        const auto [row_lowest, row_highest] = row_range(src[r], width);
+        lowest = std::min(lowest, row_lowest);
+        highest = std::max(highest, row_highest);
     }
     const std::int64_t levels = std::int64_t{highest} + 1;
     const bool shaped = distribution >= kFirstShape && distribution < kDistributions;
@@ -299,7 +322,7 @@ int contrast_correction(Rows src, Rows dst, int height, int width, int white, in
 
     std::int64_t bytes = 0;
     add_bytes(&bytes, tiles, bins * static_cast<std::int64_t>(sizeof(float)));  // the mapping table
-    add_bytes(&bytes, across.tiles, bins * static_cast<std::int64_t>(sizeof(Count)));  // one row of histograms
+    add_bytes(&bytes, 2 * across.tiles, bins * static_cast<std::int64_t>(sizeof(Count)));  // a row of histograms, twice
     add_bytes(&bytes, padded_width + 2 * levels, sizeof(std::int32_t));
     if (shaped) add_bytes(&bytes, bins, sizeof(float));
     if (count_table) add_bytes(&bytes, tile_samples + 1, sizeof(float));
@@ -316,7 +339,7 @@ int contrast_correction(Rows src, Rows dst, int height, int width, int white, in
     ScratchArray<float> table, shape, by_count;
     ScratchArray<Count> hist;
     ScratchArray<std::int32_t> histogram_bin, blend_bin, padded_bins;
-    if (!table.allocate(tiles * bins) || !hist.allocate(across.tiles * bins) || !histogram_bin.allocate(levels) ||
+    if (!table.allocate(tiles * bins) || !hist.allocate(2 * across.tiles * bins) || !histogram_bin.allocate(levels) ||
         !blend_bin.allocate(levels) || !padded_bins.allocate(padded_width) ||
         (shaped && !shape.allocate(bins)) || (count_table && !by_count.allocate(tile_samples + 1)))
         return kNoBuffer;
@@ -355,7 +378,7 @@ int contrast_correction(Rows src, Rows dst, int height, int width, int white, in
 
     // Histograms, one row of tiles at a time, over the padded plane's rows.
     for (std::int64_t ty = 0; ty < down.tiles; ++ty) {
-        std::memset(hist.get(), 0, static_cast<std::size_t>(across.tiles * bins) * sizeof(Count));
+        std::memset(hist.get(), 0, static_cast<std::size_t>(2 * across.tiles * bins) * sizeof(Count));
         for (std::int64_t py = ty * down.tile; py < (ty + 1) * down.tile; ++py) {
             const Sample* row = src[mirror(py - down.before, height)];
             std::int32_t* padded = padded_bins.get();
@@ -365,14 +388,22 @@ int contrast_correction(Rows src, Rows dst, int height, int width, int white, in
             for (int c = 0; c < width; ++c) inside[c] = histogram_bin[row[c]];
             for (std::int64_t px = across.before + width; px < padded_width; ++px)
                 padded[px] = histogram_bin[row[mirror(px - across.before, width)]];
+            // Even and odd columns count into separate histograms (tiles are
+            // even-sized), so that runs of one level do not wait on one counter.
             for (std::int64_t tx = 0; tx < across.tiles; ++tx) {
-                Count* h = hist.get() + tx * bins;
+                Count* even = hist.get() + tx * bins;
+                Count* odd = even + across.tiles * bins;
                 const std::int32_t* tile_bins = padded + tx * across.tile;
-                for (std::int64_t i = 0; i < across.tile; ++i) ++h[tile_bins[i]];
+                for (std::int64_t i = 0; i < across.tile; i += 2) {
+                    ++even[tile_bins[i]];
+                    ++odd[tile_bins[i + 1]];
+                }
             }
         }
         for (std::int64_t tx = 0; tx < across.tiles; ++tx) {
             Count* h = hist.get() + tx * bins;
+            const Count* odd = h + across.tiles * bins;
+            for (std::int64_t b = 0; b < bins; ++b) h[b] += odd[b];
             clip_histogram(h, bins, clip);
             map_tile(h, target, table.get() + (ty * across.tiles + tx) * bins);
         }
@@ -403,14 +434,28 @@ int contrast_correction(Rows src, Rows dst, int height, int width, int white, in
             const float* bottom_left = table.get() + (bottom * across.tiles + left) * bins;
             const float* bottom_right = table.get() + (bottom * across.tiles + right) * bins;
             const float reciprocal = 1.0f / static_cast<float>(w * h);
-            for (std::int64_t c = first; c < end; ++c) {
-                const std::int64_t x = across.before + c - x0;
-                const std::int32_t b = blend_bin[in[c]];
-                const float near = static_cast<float>(w - x), far = static_cast<float>(x);
-                const float value = ((top_left[b] * near + top_right[b] * far) * above +
-                                     (bottom_left[b] * near + bottom_right[b] * far) * below) *
-                                    reciprocal;
-                out[c] = truncate_to_low16(white_level * value);
+            // In chunks: the table look-ups first, then the arithmetic, which
+            // the compiler runs across vector lanes (lane by lane the same operations).
+            for (std::int64_t chunk = first; chunk < end; chunk += kBlendChunk) {
+                const int n = static_cast<int>(std::min<std::int64_t>(kBlendChunk, end - chunk));
+                alignas(64) float tl[kBlendChunk], tr[kBlendChunk], bl[kBlendChunk], br[kBlendChunk];
+                for (int i = 0; i < n; ++i) {
+                    const std::int32_t b = blend_bin[in[chunk + i]];
+                    tl[i] = top_left[b];
+                    tr[i] = top_right[b];
+                    bl[i] = bottom_left[b];
+                    br[i] = bottom_right[b];
+                }
+                const std::int32_t x_first = static_cast<std::int32_t>(across.before + chunk - x0);
+                const std::int32_t width_here = static_cast<std::int32_t>(w);
+                Sample* target = out + chunk;
+                for (int i = 0; i < n; ++i) {
+                    const std::int32_t x = x_first + i;
+                    const float near = static_cast<float>(width_here - x), far = static_cast<float>(x);
+                    const float value = ((tl[i] * near + tr[i] * far) * above + (bl[i] * near + br[i] * far) * below) *
+                                        reciprocal;
+                    target[i] = to_sample(white_level * value);
+                }
             }
         }
     }
