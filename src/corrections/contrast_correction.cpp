@@ -29,30 +29,6 @@ namespace {
 
 using Count = std::int32_t;
 
-constexpr int kDistributions = 18;
-constexpr int kFirstShape = 3;
-constexpr int kKnots = 11;
-// Knot positions of the piecewise shapes, in bins of a 1024-bin histogram
-// whatever the actual bin count.
-constexpr int kKnotBins[kKnots] = {0, 102, 205, 307, 410, 512, 614, 717, 819, 922, 1024};
-constexpr float kShapeWeights[kDistributions - kFirstShape][kKnots] = {
-    {0.0f, 0.12f, 0.22f, 0.24f, 0.24f, 0.23f, 0.22f, 0.2f, 0.17f, 0.12f, 0.0f},
-    {0.041f, 0.049f, 0.086f, 0.095f, 0.099f, 0.103f, 0.107f, 0.107f, 0.107f, 0.091f, 0.115f},
-    {0.073f, 0.076f, 0.08f, 0.084f, 0.087f, 0.091f, 0.095f, 0.098f, 0.102f, 0.105f, 0.109f},
-    {0.045f, 0.055f, 0.064f, 0.073f, 0.082f, 0.091f, 0.1f, 0.109f, 0.118f, 0.127f, 0.136f},
-    {0.011f, 0.046f, 0.182f, 0.164f, 0.118f, 0.091f, 0.082f, 0.118f, 0.082f, 0.064f, 0.041f},
-    {0.033f, 0.043f, 0.054f, 0.087f, 0.12f, 0.152f, 0.12f, 0.098f, 0.098f, 0.098f, 0.098f},
-    {0.061f, 0.087f, 0.1f, 0.109f, 0.113f, 0.115f, 0.109f, 0.098f, 0.087f, 0.07f, 0.052f},
-    {0.0f, 0.046f, 0.128f, 0.124f, 0.119f, 0.115f, 0.11f, 0.106f, 0.101f, 0.083f, 0.069f},
-    {0.0f, 0.067f, 0.123f, 0.134f, 0.134f, 0.128f, 0.112f, 0.101f, 0.089f, 0.067f, 0.045f},
-    {0.015f, 0.06f, 0.15f, 0.12f, 0.108f, 0.096f, 0.108f, 0.12f, 0.108f, 0.072f, 0.042f},
-    {0.121f, 0.115f, 0.109f, 0.103f, 0.097f, 0.091f, 0.085f, 0.079f, 0.073f, 0.067f, 0.061f},
-    {0.109f, 0.105f, 0.102f, 0.098f, 0.095f, 0.091f, 0.087f, 0.084f, 0.08f, 0.076f, 0.073f},
-    {0.091f, 0.091f, 0.091f, 0.091f, 0.091f, 0.091f, 0.091f, 0.091f, 0.091f, 0.091f, 0.091f},
-    {0.073f, 0.076f, 0.08f, 0.084f, 0.087f, 0.091f, 0.095f, 0.098f, 0.102f, 0.105f, 0.109f},
-    {0.061f, 0.067f, 0.073f, 0.079f, 0.085f, 0.091f, 0.097f, 0.103f, 0.109f, 0.115f, 0.121f},
-};
-
 // The shape constant of the Rayleigh and exponential targets; fixed, never a parameter.
 constexpr float kAlpha = 0.4f;
 
@@ -306,7 +282,7 @@ int contrast_correction(Rows src, Rows dst, int height, int width, int white, in
     const std::int64_t tile_samples = across.tile * down.tile;
     const std::int64_t tiles = across.tiles * down.tiles;
     const std::int64_t padded_width = across.tiles * across.tile;
-    // Histogram counts are 32-bit; a tile beyond that is far beyond the budget too.
+    // Histogram counts are 32-bit: a larger tile is refused like an unaffordable table.
     if (tile_samples > INT32_MAX) return kNoBuffer;
 
     Sample lowest = src[0][0], highest = src[0][0];
