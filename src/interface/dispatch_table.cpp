@@ -3,6 +3,7 @@
 // Entries stand in the dispatcher's comparison order, which differs from the
 // catalogue's; a filter appears here only once its handler exists, so any
 // other name is refused with -3.
+#include "corrections/contrast_correction.h"
 #include "interface/dispatch.h"
 #include "interface/truncation.h"
 #include "neighbourhood/local_filters.h"
@@ -50,6 +51,10 @@ const DispatchEntry dispatch_table[] = {
     {"equalize", false, [](const FilterCall& c, void**) { return tone::equalize(c.src, c.dst, c.height, c.width, c.white); }},
     {"mean2D", true, [](const FilterCall& c, void** p) {
          return box_mean(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
+     }},
+    {"ContrastCorrection", true, [](const FilterCall& c, void** p) {
+         return corrections::contrast_correction(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0),
+                                                 int_param(p, 1), float_param(p, 2), int_param(p, 3), int_param(p, 4));
      }},
     {"despeckle", true, [](const FilterCall& c, void** p) {
          return despeckle(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0), int_param(p, 1));
