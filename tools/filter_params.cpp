@@ -257,6 +257,7 @@ std::string describe_result(int code, bool built) {
     case -3:
         return built ? "the filter refused its parameters (a window whose lower level lies above its upper level)"
                      : "this build of the library does not run the filter";
+    case -4: return "ContrastCorrection refused a tile size or bin count below 1; the output was not written";
     case 1: return "no pixel work done (IsoDensity only prepares a colour buffer and always reports 1)";
     case 1007100: return "out of memory: a work buffer could not be allocated";
     case 1007200: return "out of memory: the row array of a work image could not be allocated";

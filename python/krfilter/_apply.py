@@ -30,7 +30,11 @@ class FilterError(RuntimeError):
 _MEANINGS = {
     -1: "no filter name was given",
     -2: "the filter reads parameters and none were passed",
+    -4: "ContrastCorrection refused a tile size or bin count below 1; the output was not written",
     1: "no pixel work done (IsoDensity only prepares a colour buffer and always reports 1)",
+    1121100: "the defective line is not a row of the image; the input was copied",
+    1121110: "no rows to compare the defective line with; the input was copied",
+    1122100: "the landmark template does not fit inside the image; the input was copied",
     1007100: "out of memory: a work buffer could not be allocated",
     1007200: "out of memory: the row array of a work image could not be allocated",
     1007160: "out of memory: a row of a 4-byte work plane could not be allocated",
