@@ -1,0 +1,210 @@
+#include "corrections/spine_compensation.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+#include "corrections/filter_class.h"
+#include "interface/truncation.h"
+#include "platform/memory.h"
+
+namespace krf {
+namespace {
+
+// Below this many rows or columns the edge profiles are empty or a single
+// sample wide: there is no field to find and no column level worth trusting,
+// so every gain is 1 and the output is the input (samples above white as white).
+constexpr int kMinSide = 10;
+
+// Mean profile across the edge zone, smoothed over a window of about one
+// twentieth of its length, and its central difference. Returns the index of
+// the first minimum (want_minimum) or first maximum of the difference; an
+// empty profile gives index 0.
+int steepest_edge(double* profile, double* smooth, double* slope, int n, bool want_minimum) {
+    const int w = truncate_to_int32(n / 20.0 + 0.5);
+    for (int i = 0; i < n; ++i) {
+        const int lo = std::max(truncate_to_int32(i - w * 0.5 + 0.5), 0);
+        const int hi = std::min(truncate_to_int32(w * 0.5 + i + 0.5), n - 1);
+        double sum = 0;
+        for (int j = lo; j <= hi; ++j) sum += profile[j];
+        smooth[i] = lo <= hi ? sum / (hi - lo + 1) : 0.0;
+    }
+    for (int i = 0; i < n; ++i) slope[i] = i == 0 || i == n - 1 ? 0.0 : smooth[i + 1] - smooth[i - 1];
+    int best = 0;
+    for (int i = 1; i < n; ++i)
+        if (want_minimum ? slope[i] < slope[best] : slope[i] > slope[best]) best = i;
+    return best;
+}
+
+// The near border sits a little beyond the steepest fall (1.1 times its
+// index), the far one a little before the steepest rise (0.9 times its index
+// from the zone's start); both stay inside the zone of n.
+int near_border(int index, int n) { return std::min(truncate_to_int32(1.1 * index + 0.5), n); }
+int far_border(int index, int n, int extent) {
+    return extent - 1 + (std::min(truncate_to_int32(index - 0.1 * index + 0.5), n) - n);
+}
+
+// A byte plane that frees itself, partial rows included.
+struct BytePlane {
+    unsigned char** rows = nullptr;
+    int count = 0;
+    ~BytePlane() { free_plane(&rows, count); }
+};
+
+}  // namespace
+
+int find_spine_borders(Rows src, int height, int width, SpineBorders* borders) noexcept {
+    const int h = std::max(height, 0), w = std::max(width, 0);
+    // Columns: the first and the last tenth of the width.
+    int n = truncate_to_int32(w / 10.0 + 0.5);
+    {
+        ScratchArray<double> profile, smooth, slope;
+        if (!profile.allocate(n) || !smooth.allocate(n) || !slope.allocate(n)) return kSpineNoProfile;
+        for (const bool near : {true, false}) {
+            const int offset = near ? 0 : w - n;
+            for (int i = 0; i < n; ++i) profile[i] = 0;
+            for (int r = 0; r < h; ++r)
+                for (int i = 0; i < n; ++i) profile[i] += src[r][offset + i];
+            for (int i = 0; i < n; ++i) profile[i] /= h;
+            const int index = steepest_edge(profile.get(), smooth.get(), slope.get(), n, near);
+            if (near) borders->left = near_border(index, n);
+            else borders->right = far_border(index, n, w);
+        }
+    }
+    // Rows: the first and the last tenth of the height.
+    n = truncate_to_int32(h / 10.0 + 0.5);
+    ScratchArray<double> profile, smooth, slope;
+    if (!profile.allocate(n) || !smooth.allocate(n) || !slope.allocate(n)) return kSpineNoProfile;
+    for (const bool near : {true, false}) {
+        const int offset = near ? 0 : h - n;
+        for (int i = 0; i < n; ++i) {
+            std::int64_t sum = 0;
+            for (int c = 0; c < w; ++c) sum += src[offset + i][c];
+            profile[i] = static_cast<double>(sum) / w;
+        }
+        const int index = steepest_edge(profile.get(), smooth.get(), slope.get(), n, near);
+        if (near) borders->top = near_border(index, n);
+        else borders->bottom = far_border(index, n, h);
+    }
+    return 0;
+}
+
+int spine_compensation(Rows src, Rows dst, int height, int width, int white, const SpineSettings& settings) noexcept {
+    if (height <= 0 || width <= 0) return 0;
+    int half = settings.half_size;
+    if (half == 0) half = std::max(truncate_to_int32(((width / 2814.0) * 41.0 - 1.0) * 0.5), 1);
+
+    SpineBorders b;
+    if (const int code = find_spine_borders(src, height, width, &b); code != 0) return code;
+
+    Raster inverted;
+    BytePlane mask;
+    mask.count = height;
+    ScratchArray<double> count, gain, smooth;
+    ScratchArray<Sample> table;
+    if (inverted.allocate(height, width) != 0 || allocate_byte_plane(&mask.rows, height, width) != 0 ||
+        !count.allocate(width) || !gain.allocate(width) || !smooth.allocate(width) || !table.allocate(white + 1)) {
+        return kSpineNoWorkMemory;
+    }
+
+    // Samples above white index the table as white (they come out as white).
+    for (int v = 0; v <= white; ++v) table[v] = static_cast<Sample>(white - v);
+    for (int r = 0; r < height; ++r)
+        for (int c = 0; c < width; ++c) inverted[r][c] = table[std::min<int>(src[r][c], white)];
+
+    if (height < kMinSide || width < kMinSide) {
+        for (int c = 0; c < width; ++c) smooth[c] = 1.0;
+    } else {
+        Sample threshold = 65207;
+        if (settings.variant == SpineVariant::metal_threshold) {
+            threshold = truncate_to_low16(white * static_cast<double>(settings.metal_threshold) + 0.5);
+        } else if (white != 65535) {
+            threshold = truncate_to_low16(white * 0.95 + 0.5);
+        }
+
+        // Inside the field a column counts every row above the ellipse through
+        // the bottom corners and the top-centre of the image, and below it only
+        // the samples darker than the threshold (metal and burnt-out areas
+        // stay out of the mean). Rows outside the field and columns outside it
+        // count whole. Built row by row; each column's terms still arrive in
+        // row order, so every sum below is the column-by-column sum.
+        ScratchArray<int> ellipse;
+        if (!ellipse.allocate(width)) return kSpineNoWorkMemory;
+        const double h1 = height - 1, a = (width - 1) * 0.5, k = (h1 / a) * (h1 / a);
+        for (int c = b.left + 1; c < b.right; ++c) {
+            const int e = truncate_to_int32(h1 - std::sqrt(h1 * h1 - (c - a) * (c - a) * k));
+            ellipse[c] = std::clamp(e, 0, height);
+            count[c] = std::max(ellipse[c], b.top + 1) + (height - b.bottom);
+        }
+        for (int c = 0; c < width; ++c)
+            if (c <= b.left || c >= b.right) count[c] = height;
+
+        std::int64_t masked_sum = 0;
+        for (int r = 0; r < height; ++r) {
+            const bool whole_row = r <= b.top || r >= b.bottom;
+            for (int c = 0; c < width; ++c) {
+                bool take = true;
+                if (!whole_row && c > b.left && c < b.right && r >= ellipse[c]) {
+                    take = src[r][c] < threshold;
+                    count[c] += take;
+                }
+                mask.rows[r][c] = take;
+                if (take) masked_sum += inverted[r][c];
+            }
+        }
+        double total_count = 0;
+        for (int c = 0; c < width; ++c) total_count += count[c];
+        const double global_mean = static_cast<double>(masked_sum) / total_count;
+
+        for (int r = 0; r < height; ++r)
+            for (int c = 0; c < width; ++c)
+                if (mask.rows[r][c]) gain[c] += inverted[r][c] / count[c];
+        // A column whose counted samples are all white has no level to bring
+        // to the mean; any finite gain leaves those samples white, and an
+        // infinite one would blacken its neighbours through the smoothing.
+        for (int c = 0; c < width; ++c) gain[c] = gain[c] > 0 ? global_mean / gain[c] : 1.0;
+
+        // Ramps to exactly 1 at the first and the last column.
+        for (int c = 0; c < b.left; ++c) {
+            const double t = static_cast<double>(b.left - c) / b.left;
+            gain[c] = (1 - t) * gain[b.left + 1] + t;
+        }
+        gain[b.left] = gain[b.left + 1];
+        const double span = width - b.right - 1;  // at least 1 from 10 columns up
+        for (int c = b.right; c < width; ++c) {
+            const double t = span > 0 ? (c - b.right) / span : 1.0;
+            gain[c] = (1 - t) * gain[b.right - 1] + t;
+        }
+
+        // A negative half size is an empty window: each column keeps its own gain.
+        for (int c = 0; c < width; ++c) {
+            const std::int64_t lo = std::max<std::int64_t>(static_cast<std::int64_t>(c) - half, 0);
+            const std::int64_t hi = std::min<std::int64_t>(static_cast<std::int64_t>(c) + half, width - 1);
+            if (lo > hi) {
+                smooth[c] = gain[c];
+                continue;
+            }
+            double sum = 0;
+            for (std::int64_t j = lo; j <= hi; ++j) sum += gain[j];
+            smooth[c] = sum / static_cast<double>(hi - lo + 1);
+        }
+
+        if (settings.variant == SpineVariant::strength) {
+            const double s = static_cast<unsigned>(settings.strength_percent) <= 100u
+                                 ? settings.strength_percent / 100.0
+                                 : 1.0;
+            for (int c = 0; c < width; ++c) smooth[c] = (smooth[c] - 1) * s + 1;
+        }
+    }
+
+    for (int r = 0; r < height; ++r) {
+        for (int c = 0; c < width; ++c) {
+            const double y = inverted[r][c] * smooth[c] + 0.5;
+            const int v = y >= white ? white : y >= 1 ? static_cast<int>(y) : 0;
+            dst[r][c] = table[v];
+        }
+    }
+    return 0;
+}
+
+}  // namespace krf
