@@ -53,6 +53,11 @@ struct BytePlane {
 
 }  // namespace
 
+int spine_half_size(int half_size, int width) noexcept {
+    if (half_size != 0) return half_size;
+    return std::max(truncate_to_int32(((width / 2814.0) * 41.0 - 1.0) * 0.5), 1);
+}
+
 int find_spine_borders(Rows src, int height, int width, SpineBorders* borders) noexcept {
     const int h = std::max(height, 0), w = std::max(width, 0);
     // Columns: the first and the last tenth of the width.
@@ -91,8 +96,7 @@ int find_spine_borders(Rows src, int height, int width, SpineBorders* borders) n
 
 int spine_compensation(Rows src, Rows dst, int height, int width, int white, const SpineSettings& settings) noexcept {
     if (height <= 0 || width <= 0) return 0;
-    int half = settings.half_size;
-    if (half == 0) half = std::max(truncate_to_int32(((width / 2814.0) * 41.0 - 1.0) * 0.5), 1);
+    const int half = spine_half_size(settings.half_size, width);
 
     SpineBorders b;
     if (const int code = find_spine_borders(src, height, width, &b); code != 0) return code;

@@ -21,6 +21,10 @@ struct SpineBorders {
     int right = 0;
 };
 
+// The smoothing half-width: "FilterHalfSize", or for 0 one that grows with the
+// width (20 at 2814 columns, at least 1).
+int spine_half_size(int half_size, int width) noexcept;
+
 // 0 or kSpineNoProfile.
 int find_spine_borders(Rows src, int height, int width, SpineBorders* borders) noexcept;
 
