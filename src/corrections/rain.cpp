@@ -29,6 +29,11 @@ constexpr int kMaxIterations = 100;
     platform::debug_output(line);
 }
 
+// exp(±0) is exactly 1; samples equal to their median and every sample
+// outside the ranges have a zero deviation, so most calls are skipped.
+inline double exp_of(double q) { return q == 0 ? 1.0 : std::exp(q); }
+inline float exp_of(float q) { return q == 0 ? 1.0f : static_cast<float>(std::exp(static_cast<double>(q))); }
+
 // x -> white - x in 16-bit arithmetic; applying it twice restores every
 // sample, those above white included.
 void invert_in_place(Rows image, int height, int width, int white) {
@@ -112,19 +117,33 @@ int RainClass::take_medians() {
 
 // The Stirling-form pieces of the Poisson log-likelihood of each inside
 // sample given its median; the half-level offset keeps both logarithms finite.
-std::int64_t RainClass::compute_deviations() {
+// Both operands are whole levels plus one half, so the logarithms and the
+// Stirling factor come from tables over the 65536 levels, computed with the
+// same functions on the same arguments.
+int RainClass::compute_deviations(std::int64_t* inside) {
     std::int64_t n = 0;
+    for (int r = 0; r < NRows; ++r) n += std::max(RowLast[r] - RowFirst[r] + 1, 0);
+    *inside = n;
+    if (n == 0) return 0;
+    ScratchArray<double> log_of;
+    ScratchArray<float> stirling_of;
+    if (!log_of.allocate(65536) || !stirling_of.allocate(65536)) return kNoBuffer;
+    for (int v = 0; v < 65536; ++v) {
+        const double x = static_cast<float>(v + 0.5);
+        log_of[v] = std::log(x);
+        stirling_of[v] = static_cast<float>(1.0 / std::sqrt(x * 2.0 * kPi));
+    }
     for (int r = 0; r < NRows; ++r) {
         for (int c = RowFirst[r]; c <= RowLast[r]; ++c) {
+            const int value = static_cast<int>(Values[r][c]), median = static_cast<int>(Median[r][c]);
             Values[r][c] = static_cast<float>(static_cast<double>(Values[r][c]) + 0.5);
             Median[r][c] = static_cast<float>(static_cast<double>(Median[r][c]) + 0.5);
-            ++n;
             const double x = Values[r][c], m = Median[r][c];
-            HalfDev[r][c] = static_cast<float>((std::log(m) - std::log(x)) * x + x - m);
-            Stirling[r][c] = static_cast<float>(1.0 / std::sqrt(x * 2.0 * kPi));
+            HalfDev[r][c] = static_cast<float>((log_of[median] - log_of[value]) * x + x - m);
+            Stirling[r][c] = stirling_of[value];
         }
     }
-    return n;
+    return 0;
 }
 
 void RainClass::set_noise_prior(double ppoiss) {
@@ -141,7 +160,7 @@ float RainClass::negative_log_likelihood() {
     const double s = 1.0 / std::sqrt(static_cast<double>(G));
     const double k = static_cast<double>(PImp) * static_cast<double>(InvLevels);
     for_each_grid_pixel(NRows, NCols, RowFirst, RowLast, [&](int r, int c) {
-        Likelihood[r][c] = static_cast<float>(std::exp(static_cast<double>(HalfDev[r][c]) / G) *
+        Likelihood[r][c] = static_cast<float>(exp_of(static_cast<double>(HalfDev[r][c]) / G) *
                                               (static_cast<double>(Stirling[r][c]) * s));
         Mixture[r][c] = static_cast<float>(static_cast<double>(Likelihood[r][c]) * PPoiss + k);
         f += static_cast<float>(-std::log(static_cast<double>(Mixture[r][c])));
@@ -188,7 +207,8 @@ int RainClass::Apply(FilterParametersClass* params) {
         for (int c = 0; c < NCols; ++c) Values[r][c] = image[r][c];
     if (const int code = count_valid_levels(); code != 0) return code;
     if (const int code = take_medians(); code != 0) return code;
-    const std::int64_t n = compute_deviations();
+    std::int64_t n = 0;
+    if (const int code = compute_deviations(&n); code != 0) return code;
 
     if (estimation) {
         trace("Parameter estimation enabled\n");
@@ -204,7 +224,7 @@ int RainClass::Apply(FilterParametersClass* params) {
     const float impulse = PImp * InvLevels;
     for (int r = 0; r < NRows; ++r) {
         for (int c = 0; c < NCols; ++c) {
-            Likelihood[r][c] = static_cast<float>(std::exp(static_cast<double>(HalfDev[r][c] / G))) * Stirling[r][c] * s;
+            Likelihood[r][c] = exp_of(HalfDev[r][c] / G) * Stirling[r][c] * s;
             Mixture[r][c] = Likelihood[r][c] * PPoiss + impulse;
         }
     }

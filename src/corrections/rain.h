@@ -43,7 +43,7 @@ public:
 private:
     int count_valid_levels();
     int take_medians();
-    std::int64_t compute_deviations();
+    int compute_deviations(std::int64_t* inside);
     float negative_log_likelihood();
     void estimate_parameters(double g0, double ppoiss0);
     void set_noise_prior(double ppoiss);
