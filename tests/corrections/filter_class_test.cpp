@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <type_traits>
 
 #include "corrections/filter_class.h"
@@ -46,42 +47,26 @@ TEST(FilterClass, RangesFromFirstAndLengthOrWholeRows) {
     EXPECT_EQ(ranged.Release(), 0);
 }
 
+template <class T>
+int allocate_then_free(int (*allocate)(T***, int, int)) {
+    T** plane = nullptr;
+    const int code = allocate(&plane, 4, 5);
+    free_plane(&plane, 4);
+    return code;
+}
+
 TEST(FilterClass, WorkPlanesReportWhichPartFailedAndFreePartialPlanes) {
-    struct Case {
-        int (*allocate)(int rows, int cols);
-        int no_array;
-        int no_row;
-    };
-    const Case cases[] = {
-        {[](int rows, int cols) {
-             float** plane = nullptr;
-             const int code = allocate_float_plane(&plane, rows, cols);
-             free_plane(&plane, rows);
-             return code;
-         },
-         1007210, 1007160},
-        {[](int rows, int cols) {
-             int** plane = nullptr;
-             const int code = allocate_int_plane(&plane, rows, cols);
-             free_plane(&plane, rows);
-             return code;
-         },
-         1007210, 1007160},
-        {[](int rows, int cols) {
-             unsigned char** plane = nullptr;
-             const int code = allocate_byte_plane(&plane, rows, cols);
-             free_plane(&plane, rows);
-             return code;
-         },
-         1007200, 1007100},
-    };
-    for (const Case& c : cases) {
+    const std::function<int()> allocators[] = {[] { return allocate_then_free(allocate_float_plane); },
+                                               [] { return allocate_then_free(allocate_int_plane); },
+                                               [] { return allocate_then_free(allocate_byte_plane); }};
+    const int codes[][2] = {{1007210, 1007160}, {1007210, 1007160}, {1007200, 1007100}};
+    for (int k = 0; k < 3; ++k) {
         krf::testing::fail_allocation(1);
-        EXPECT_EQ(c.allocate(4, 5), c.no_array);
+        EXPECT_EQ(allocators[k](), codes[k][0]);
         krf::testing::fail_allocation(3);  // the second row; the first is freed (the sanitizer build checks)
-        EXPECT_EQ(c.allocate(4, 5), c.no_row);
+        EXPECT_EQ(allocators[k](), codes[k][1]);
         krf::testing::fail_allocation(0);
-        EXPECT_EQ(c.allocate(4, 5), 0);
+        EXPECT_EQ(allocators[k](), 0);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <string>
 
 #include "corrections/corrections_testing.h"
 #include "corrections/spine_compensation.h"
@@ -112,17 +113,6 @@ TEST(SpineCompensation, FlatAndTinyImagesComeBackUnchanged) {
     Image expected = tiny;
     expected.at(2, 3) = 1000;
     for (const char* name : kVariants) EXPECT_TRUE(run_spine(name, tiny, 1000) == expected) << name;
-}
-
-TEST(SpineCompensation, OutputNeverExceedsWhite) {
-    std::mt19937 random(3);
-    Image noisy(60, 70);
-    for (int r = 0; r < 60; ++r)
-        for (int c = 0; c < 70; ++c) noisy.at(r, c) = static_cast<Sample>(random() % 4 == 0 ? random() : random() % 1001);
-    for (const char* name : kVariants) {
-        const Image out = run_spine(name, noisy, 1000, 3);
-        EXPECT_LE(*std::max_element(out.samples().begin(), out.samples().end()), 1000) << name;
-    }
 }
 
 TEST(SpineCompensation, StrengthScalesTheGain) {
