@@ -34,7 +34,6 @@ public:
     // Corrects the bound image in place; 363500 when params is not a
     // RainParametersClass. The last line of a run goes to standard output.
     int Apply(FilterParametersClass* params) override;
-    int Hook() override { return 0; }
 
     // The estimated model, readable after Apply.
     float gain() const noexcept { return G; }
@@ -63,8 +62,9 @@ private:
 
 // The "rain" request on an image corrected in place: inverts it, processes
 // rows 20 ... height - 21 from column 250 to width - 101, inverts it back.
-// Returns 0, or an allocation code with the image left inverted when the
-// filter's work planes could not be obtained.
+// Returns 0, or an allocation code: 1007100 with the image untouched when the
+// ranges could not be obtained, and with the image left inverted when the
+// filter's work memory could not (1007100, 1007160, 1007210).
 int rain(Rows image, int height, int width, int white, double g0, double ppoiss0) noexcept;
 
 }  // namespace krf
