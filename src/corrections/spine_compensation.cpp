@@ -105,16 +105,19 @@ int spine_compensation(Rows src, Rows dst, int height, int width, int white, con
     BytePlane mask;
     mask.count = height;
     ScratchArray<double> count, gain, smooth;
-    ScratchArray<Sample> table;
     if (inverted.allocate(height, width) != 0 || allocate_byte_plane(&mask.rows, height, width) != 0 ||
-        !count.allocate(width) || !gain.allocate(width) || !smooth.allocate(width) || !table.allocate(white + 1)) {
+        !count.allocate(width) || !gain.allocate(width) || !smooth.allocate(width)) {
         return kSpineNoWorkMemory;
     }
 
-    // Samples above white index the table as white (they come out as white).
-    for (int v = 0; v <= white; ++v) table[v] = static_cast<Sample>(white - v);
-    for (int r = 0; r < height; ++r)
-        for (int c = 0; c < width; ++c) inverted[r][c] = table[std::min<int>(src[r][c], white)];
+    // The inversion v -> white - v, computed rather than looked up so that
+    // the passes vectorise; samples above white count as white (they come
+    // out as white).
+    for (int r = 0; r < height; ++r) {
+        const Sample* __restrict in = src[r];
+        Sample* __restrict inv = inverted[r];
+        for (int c = 0; c < width; ++c) inv[c] = static_cast<Sample>(white - std::min<int>(in[c], white));
+    }
 
     if (height < kMinSide || width < kMinSide) {
         for (int c = 0; c < width; ++c) smooth[c] = 1.0;
@@ -160,9 +163,14 @@ int spine_compensation(Rows src, Rows dst, int height, int width, int white, con
         for (int c = 0; c < width; ++c) total_count += count[c];
         const double global_mean = static_cast<double>(masked_sum) / total_count;
 
-        for (int r = 0; r < height; ++r)
-            for (int c = 0; c < width; ++c)
-                if (mask.rows[r][c]) gain[c] += inverted[r][c] / count[c];
+        // Adding 0 for an unmasked sample leaves the sum as it is.
+        for (int r = 0; r < height; ++r) {
+            const Sample* __restrict inv = inverted[r];
+            const unsigned char* __restrict taken = mask.rows[r];
+            const double* __restrict n = count.get();
+            double* __restrict sum = gain.get();
+            for (int c = 0; c < width; ++c) sum[c] += (taken[c] ? inv[c] : 0) / n[c];
+        }
         // A column whose counted samples are all white has no level to bring
         // to the mean; any finite gain leaves those samples white, and an
         // infinite one would blacken its neighbours through the smoothing.
@@ -202,10 +210,13 @@ int spine_compensation(Rows src, Rows dst, int height, int width, int white, con
     }
 
     for (int r = 0; r < height; ++r) {
+        const Sample* __restrict inv = inverted[r];
+        const double* __restrict g = smooth.get();
+        Sample* __restrict out = dst[r];
         for (int c = 0; c < width; ++c) {
-            const double y = inverted[r][c] * smooth[c] + 0.5;
+            const double y = inv[c] * g[c] + 0.5;
             const int v = y >= white ? white : y >= 1 ? static_cast<int>(y) : 0;
-            dst[r][c] = table[v];
+            out[c] = static_cast<Sample>(white - v);
         }
     }
     return 0;
