@@ -74,6 +74,7 @@ TEST(SpineCompensation, BordersOnRealRadiographs) {
     // on the right side near column 1826 (the profiles fall steepest there);
     // the borders sit a few samples inside the field.
     Image chest = presented_radiograph("cr-15bit.png", 32767);
+    ASSERT_EQ(chest.height(), 1955);
     SpineBorders b;
     ASSERT_EQ(find_spine_borders(chest.rows(), chest.height(), chest.width(), &b), 0);
     EXPECT_GE(b.top, 20);
@@ -85,6 +86,7 @@ TEST(SpineCompensation, BordersOnRealRadiographs) {
     // beyond the tenth of the width that the finder searches, so it must at
     // least leave the exposed strip between its left and right borders.
     Image leg = presented_radiograph("cr-leg-10bit.png", 1023);
+    ASSERT_EQ(leg.height(), 1760);
     ASSERT_EQ(find_spine_borders(leg.rows(), leg.height(), leg.width(), &b), 0);
     EXPECT_LE(b.top, 10);
     EXPECT_LE(b.left, 451);
