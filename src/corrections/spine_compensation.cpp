@@ -148,16 +148,24 @@ int spine_compensation(Rows src, Rows dst, int height, int width, int white, con
 
         std::int64_t masked_sum = 0;
         for (int r = 0; r < height; ++r) {
+            const Sample* __restrict in = src[r];
+            const Sample* __restrict inv = inverted[r];
+            unsigned char* __restrict taken = mask.rows[r];
+            // Columns outside the field, and every column in the rows outside
+            // it, count whole.
             const bool whole_row = r <= b.top || r >= b.bottom;
-            for (int c = 0; c < width; ++c) {
-                bool take = true;
-                if (!whole_row && c > b.left && c < b.right && r >= ellipse[c]) {
-                    take = src[r][c] < threshold;
-                    count[c] += take;
-                }
-                mask.rows[r][c] = take;
-                if (take) masked_sum += inverted[r][c];
+            const int from = whole_row ? width : b.left + 1, to = whole_row ? width : b.right;
+            for (int c = 0; c < from; ++c) taken[c] = 1;
+            for (int c = to; c < width; ++c) taken[c] = 1;
+            const int* __restrict curve = ellipse.get();
+            double* __restrict n = count.get();
+            for (int c = from; c < to; ++c) {
+                const int below = r >= curve[c];
+                const int take = !below | (in[c] < threshold);
+                n[c] += below & take;
+                taken[c] = static_cast<unsigned char>(take);
             }
+            for (int c = 0; c < width; ++c) masked_sum += inv[c] * taken[c];
         }
         double total_count = 0;
         for (int c = 0; c < width; ++c) total_count += count[c];
@@ -169,7 +177,7 @@ int spine_compensation(Rows src, Rows dst, int height, int width, int white, con
             const unsigned char* __restrict taken = mask.rows[r];
             const double* __restrict n = count.get();
             double* __restrict sum = gain.get();
-            for (int c = 0; c < width; ++c) sum[c] += (taken[c] ? inv[c] : 0) / n[c];
+            for (int c = 0; c < width; ++c) sum[c] += static_cast<double>(inv[c] * taken[c]) / n[c];
         }
         // A column whose counted samples are all white has no level to bring
         // to the mean; any finite gain leaves those samples white, and an
