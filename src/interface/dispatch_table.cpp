@@ -4,6 +4,8 @@
 // catalogue's; a filter appears here only once its handler exists, so any
 // other name is refused with -3.
 #include "corrections/contrast_correction.h"
+#include "corrections/rain.h"
+#include "corrections/spine_compensation.h"
 #include "interface/dispatch.h"
 #include "interface/truncation.h"
 #include "neighbourhood/local_filters.h"
@@ -48,6 +50,13 @@ const DispatchEntry dispatch_table[] = {
     {"ShannonStretching", true, [](const FilterCall& c, void** p) { return tone::shannon_stretching(c.src, c.dst, c.height, c.width, c.white, {int_param(p, 2), int_param(p, 3), int_param(p, 4), int_param(p, 5)}, double_param(p, 0), double_param(p, 1)); }},
     {"ECE", true, [](const FilterCall& c, void** p) { return entropy_contrast_entry(c, p, 0); }},
     {"ECE2", true, [](const FilterCall& c, void** p) { return entropy_contrast_entry(c, p, 1); }},
+    // "rain" corrects the input in place and never writes the output. Its
+    // "EstimationEnabled" is not read: the estimation always runs. A null
+    // params array is refused with -2 like every filter that reads values,
+    // rather than read through, so a careless host gets a code, not a crash.
+    {"rain", true, [](const FilterCall& c, void** p) {
+         return rain(c.src, c.height, c.width, c.white, double_param(p, 0), double_param(p, 1));
+     }},
     {"equalize", false, [](const FilterCall& c, void**) { return tone::equalize(c.src, c.dst, c.height, c.width, c.white); }},
     {"mean2D", true, [](const FilterCall& c, void** p) {
          return box_mean(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
@@ -86,6 +95,18 @@ const DispatchEntry dispatch_table[] = {
         c.in->GetRGBVector(&rgb);
         return tone::colorize(c.src, rgb, c.height, c.width, c.white);
     }},
+    {"SpineCompensation", true, [](const FilterCall& c, void** p) {
+         return spine_compensation(c.src, c.dst, c.height, c.width, c.white,
+                                   {SpineVariant::fixed_threshold, int_param(p, 0)});
+     }},
+    {"SpineCompensation2", true, [](const FilterCall& c, void** p) {
+         return spine_compensation(c.src, c.dst, c.height, c.width, c.white,
+                                   {SpineVariant::strength, int_param(p, 0), int_param(p, 1)});
+     }},
+    {"SpineCompensation3", true, [](const FilterCall& c, void** p) {
+         return spine_compensation(c.src, c.dst, c.height, c.width, c.white,
+                                   {SpineVariant::metal_threshold, int_param(p, 0), 100, float_param(p, 1)});
+     }},
     {"IsoDensity", true, iso_density},
     {"flip", true, [](const FilterCall& c, void** p) { return tone::flip(c.src, c.dst, c.height, c.width, 0, int_param(p, 0) != 0 ? 1 : 0, int_param(p, 1) != 0 ? 1 : 0); }},
     // One handler: "supereq" measures with means over the whole image and

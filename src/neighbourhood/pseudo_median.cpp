@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "corrections/filter_class.h"
 #include "neighbourhood/median.h"
 #include "neighbourhood/median_lanes.h"
 
@@ -110,6 +111,7 @@ LinesKernel lines_kernel(int taps, MedianIsa isa) {
 
 int pseudo_median_2d(Rows src, Rows dst, int height, int width, int dimwnd, MedianIsa isa) noexcept {
     if (height <= 0 || width <= 0) return 0;
+    CMemClass memory;  // held for the call; it has no behaviour
     // A window below one sample is taken as one sample.
     const int window = std::max(dimwnd, 1);
     const int h = (window - 1) / 2;
