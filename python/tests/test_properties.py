@@ -19,7 +19,7 @@ def extreme_values(parameter):
         huge = 2000 if parameter.name == "numIter" else INT32_MAX
         return st.sampled_from([INT32_MIN, -7, -1, 0, 1, 2, 3, 4, 6, 8, 10, 65535, huge])
     if parameter.type == "float":
-        return st.sampled_from(DOUBLES) | st.floats(-3.4e38, 3.4e38, width=32)
+        return st.sampled_from(DOUBLES) | st.floats(-3.3999999521443642e38, 3.3999999521443642e38, width=32)
     return st.sampled_from(DOUBLES) | st.floats(allow_nan=False, allow_infinity=False)
 
 

@@ -11,7 +11,7 @@ trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
 
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; exit 1; }
-soname=$(objdump -p "$prefix"/lib*/libkrfilter.so* 2>/dev/null | awk '/SONAME/ {print $2; exit}')
+soname=$(objdump -p "$prefix"/lib*/libkrfilter.so* 2>/dev/null | awk '/SONAME/ && !seen {print $2; seen = 1}')
 [ "$soname" = "libkrfilter.so.0" ] || { echo "SONAME is '$soname', expected libkrfilter.so.0"; exit 1; }
 [ -x "$prefix/bin/krfilter" ] || { echo "the krfilter tool was not installed"; exit 1; }
 "$prefix/bin/krfilter" list >/dev/null
