@@ -16,6 +16,7 @@
 #include <iterator>
 #include <tuple>
 
+#include "file_test_folder.h"
 #include "image_io.h"
 #include "phantom.h"
 
@@ -24,20 +25,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class DicomFiles : public ::testing::Test {
+class DicomFiles : public FileTestFolder {
 protected:
     void SetUp() override {
         gdcm::Trace::WarningOff();  // about attributes the toolkit fills in for our test files
-        folder_ = fs::temp_directory_path() /
-                  ("krfilter-dicom-" + std::to_string(getpid()) + "-" +
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(folder_);
-        fs::create_directories(folder_);
+        FileTestFolder::SetUp();
     }
-    void TearDown() override { fs::remove_all(folder_); }
-    std::string path(const std::string& name) const { return (folder_ / name).string(); }
-
-    fs::path folder_;
 };
 
 std::string data_file(const char* name) { return std::string(KRFILTER_DATA_DIR) + "/" + name; }

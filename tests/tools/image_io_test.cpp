@@ -11,6 +11,7 @@
 #include <iterator>
 #include <tuple>
 
+#include "file_test_folder.h"
 #include "phantom.h"
 
 namespace krf::tools {
@@ -18,22 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class ImageFiles : public ::testing::Test {
-protected:
-    void SetUp() override {
-        // Unique per process: several builds may run their tests at once.
-        folder_ = fs::temp_directory_path() /
-                  ("krfilter-io-" + std::to_string(getpid()) + "-" +
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(folder_);
-        fs::create_directories(folder_);
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
-    std::string path(const std::string& name) const { return (folder_ / name).string(); }
-
-    fs::path folder_;
-};
+using ImageFiles = FileTestFolder;
 
 GreyImage phantom_image(int height, int width, int bit_depth, int white) {
     GreyImage image{height, width, bit_depth, white, std::vector<std::uint16_t>(std::size_t(height) * width)};
