@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "platform/platform.h"
 #include "platform/vector_targets.h"
@@ -103,18 +104,26 @@ KRF_ALWAYS_INLINE float round_to_sample(float v) {
     return (v + 12582912.0f) - 12582912.0f;
 }
 
-// Output samples [x, x + B · N) of one pass: out = Σ w[i] · in_i, where in_i
-// is the input for tap i at those samples, tap order kept.
+// Output samples [x, x + B · N) of one pass: the weighted sum of the K
+// inputs, where input(i, x) points at tap i's input for output x. The kernel
+// is symmetric (w[i] = w[K − 1 − i] exactly), so mirrored inputs are added
+// before their common weight multiplies them, outermost pair first: half the
+// multiplications, and the smallest terms enter the sum first.
 template <int N, int B, class Input, class Store>
 KRF_ALWAYS_INLINE void weighted_block(int x, const float* weights, int kernel, Input input, Store store_block) {
     using F = typename Lanes<N>::F;
+    const int last = kernel - 1, centre = kernel / 2;
     F acc[B];
-    const F first = F{} + weights[0];
-    for (int b = 0; b < B; ++b) acc[b] = first * load<F>(input(0, x + b * N));
-    for (int i = 1; i < kernel; ++i) {
+    const F outer = F{} + weights[0];
+    for (int b = 0; b < B; ++b)
+        acc[b] = outer * (load<F>(input(0, x + b * N)) + load<F>(input(last, x + b * N)));
+    for (int i = 1; i < centre; ++i) {
         const F w = F{} + weights[i];
-        for (int b = 0; b < B; ++b) acc[b] = acc[b] + w * load<F>(input(i, x + b * N));
+        for (int b = 0; b < B; ++b)
+            acc[b] = acc[b] + w * (load<F>(input(i, x + b * N)) + load<F>(input(last - i, x + b * N)));
     }
+    const F middle = F{} + weights[centre];
+    for (int b = 0; b < B; ++b) acc[b] = acc[b] + middle * load<F>(input(centre, x + b * N));
     for (int b = 0; b < B; ++b) store_block(x + b * N, acc[b]);
 }
 
@@ -124,10 +133,11 @@ KRF_ALWAYS_INLINE void weighted_row(int width, const float* weights, int kernel,
     int x = 0;
     for (; x + 4 * N <= width; x += 4 * N) weighted_block<N, 4>(x, weights, kernel, input, store_block);
     for (; x + N <= width; x += N) weighted_block<N, 1>(x, weights, kernel, input, store_block);
+    const int last = kernel - 1, centre = kernel / 2;
     for (; x < width; ++x) {
-        float acc = weights[0] * *input(0, x);
-        for (int i = 1; i < kernel; ++i) acc = acc + weights[i] * *input(i, x);
-        store_one(x, acc);
+        float acc = weights[0] * (*input(0, x) + *input(last, x));
+        for (int i = 1; i < centre; ++i) acc = acc + weights[i] * (*input(i, x) + *input(last - i, x));
+        store_one(x, acc + weights[centre] * *input(centre, x));
     }
 }
 
@@ -159,13 +169,22 @@ KRF_ALWAYS_INLINE void combine_rows_u16(const float* const* taps, const float* w
         [out](int x, float v) { out[x] = static_cast<std::uint16_t>(round_to_sample(v)); });
 }
 
+template <int N>
+KRF_ALWAYS_INLINE void widen_samples(const std::uint16_t* in, float* out, int count) {
+    for (int x = 0; x < count; ++x) out[x] = static_cast<float>(in[x]);
+}
+
 struct BlurKernels {
+    void (*widen)(const std::uint16_t*, float*, int);
     void (*filter_row)(const float*, const float*, int, float*, int);
     void (*combine_f32)(const float* const*, const float*, int, float*, int);
     void (*combine_u16)(const float* const*, const float*, int, std::uint16_t*, int);
 };
 
 // Portable: four lanes, which every x86-64 has and other processors emulate.
+void widen_portable(const std::uint16_t* in, float* out, int n) { widen_samples<4>(in, out, n); }
+KRF_TARGET_AVX2 void widen_avx2(const std::uint16_t* in, float* out, int n) { widen_samples<8>(in, out, n); }
+KRF_TARGET_AVX512BW void widen_avx512(const std::uint16_t* in, float* out, int n) { widen_samples<16>(in, out, n); }
 void filter_row_portable(const float* p, const float* w, int k, float* o, int n) { filter_row<4>(p, w, k, o, n); }
 void combine_f32_portable(const float* const* t, const float* w, int k, float* o, int n) {
     combine_rows_f32<4>(t, w, k, o, n);
@@ -194,9 +213,9 @@ KRF_TARGET_AVX512BW void combine_u16_avx512(const float* const* t, const float* 
 
 BlurKernels kernels_for(CodePath path) noexcept {
     switch (path) {
-    case CodePath::avx512: return {filter_row_avx512, combine_f32_avx512, combine_u16_avx512};
-    case CodePath::avx2: return {filter_row_avx2, combine_f32_avx2, combine_u16_avx2};
-    default: return {filter_row_portable, combine_f32_portable, combine_u16_portable};
+    case CodePath::avx512: return {widen_avx512, filter_row_avx512, combine_f32_avx512, combine_u16_avx512};
+    case CodePath::avx2: return {widen_avx2, filter_row_avx2, combine_f32_avx2, combine_u16_avx2};
+    default: return {widen_portable, filter_row_portable, combine_f32_portable, combine_u16_portable};
     }
 }
 
@@ -212,24 +231,50 @@ CodePath resolve(CodePath path) noexcept {
 
 // ---- The blur.
 
+// Rows of a contiguous buffer with a row step in bytes.
 template <class T>
-const T* source_row(const T* src, int step, std::int64_t y) noexcept {
-    return reinterpret_cast<const T*>(reinterpret_cast<const unsigned char*>(src) + y * step);
+struct BufferRows {
+    T* base;
+    int step;
+    T* operator()(std::int64_t y) const noexcept {
+        using Byte = std::conditional_t<std::is_const_v<T>, const unsigned char, unsigned char>;
+        return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + y * step);
+    }
+};
+
+// Rows of a row-pointer raster.
+struct RasterRows {
+    Rows rows;
+    std::uint16_t* operator()(std::int64_t y) const noexcept { return rows[y]; }
+};
+
+template <class T>
+void widen_row(const BlurKernels& kernels, const T* row, float* out, int count) noexcept {
+    if constexpr (std::is_same_v<T, float>)
+        std::memcpy(out, row, static_cast<std::size_t>(count) * sizeof(float));
+    else
+        kernels.widen(row, out, count);
 }
 
-template <class T, class Out, class Combine>
-PrimitiveStatus blur(const T* src, int srcStep, Out* dst, int dstStep, Size size, T borderValue,
-                     const unsigned char* recordBlock, unsigned char* work, SampleType type, Combine combine) noexcept {
+// Checks shared by every run, in the order pointers, size, record, steps.
+PrimitiveStatus check_run(const void* src, const void* dst, const unsigned char* recordBlock, const void* work,
+                          Size size, SampleType type) noexcept {
     if (src == nullptr || dst == nullptr || recordBlock == nullptr || work == nullptr) return kNullPointer;
     if (size.width <= 0 || size.height <= 0) return kBadSize;
     const auto* record = reinterpret_cast<const GaussianRecord*>(recordBlock);
     if (record->tag != kRecordTag) return kBadArgument;
     if (record->width != size.width || record->height != size.height) return kBadSize;
     if (record->type != type) return kBadSampleType;
-    if (std::int64_t{srcStep} < std::int64_t{size.width} * std::int64_t{sizeof(T)} ||
-        std::int64_t{dstStep} < std::int64_t{size.width} * std::int64_t{sizeof(Out)})
-        return kBadSize;
+    return kOk;
+}
 
+// Output row y is written only after every source row it needs has been
+// filtered into the ring, and a source row is read once, before its own output
+// row is written: so source and destination may be the same rows.
+template <class T, class Source, class Dest, class Combine>
+void blur(Source source_row, Dest dest_row, Size size, T borderValue, const unsigned char* recordBlock,
+          unsigned char* work, Combine combine) noexcept {
+    const auto* record = reinterpret_cast<const GaussianRecord*>(recordBlock);
     const int kernel = record->kernel, width = size.width;
     const std::int64_t height = size.height, half = kernel / 2;
     const auto* weights = reinterpret_cast<const float*>(recordBlock + kWeightsOffset);
@@ -261,14 +306,13 @@ PrimitiveStatus blur(const T* src, int srcStep, Out* dst, int dstStep, Size size
             return;
         }
         if (record->border == BorderKind::in_memory) {
-            const T* row = source_row(src, srcStep, id - half) - half;
-            for (std::int64_t x = 0; x < padded_width; ++x) padded[x] = static_cast<float>(row[x]);
+            widen_row(kernels, source_row(id - half) - half, padded, static_cast<int>(padded_width));
             return;
         }
-        const T* row = source_row(src, srcStep, id);
+        const T* row = source_row(id);
         const bool replicate = record->border == BorderKind::replicate;
         std::fill(padded, padded + half, replicate ? static_cast<float>(row[0]) : border);
-        for (int x = 0; x < width; ++x) padded[half + x] = static_cast<float>(row[x]);
+        widen_row(kernels, row, padded + half, width);
         std::fill(padded + half + width, padded + padded_width, replicate ? static_cast<float>(row[width - 1]) : border);
     };
 
@@ -284,10 +328,19 @@ PrimitiveStatus blur(const T* src, int srcStep, Out* dst, int dstStep, Size size
             }
             taps[i] = filtered;
         }
-        combine(kernels, taps, weights, kernel,
-                reinterpret_cast<Out*>(reinterpret_cast<unsigned char*>(dst) + y * dstStep), width);
+        combine(kernels, taps, weights, kernel, dest_row(y), width);
     }
-    return kOk;
+}
+
+void combine_u16(const BlurKernels& k, const float* const* taps, const float* w, int n, std::uint16_t* out, int width) {
+    k.combine_u16(taps, w, n, out, width);
+}
+void combine_f32(const BlurKernels& k, const float* const* taps, const float* w, int n, float* out, int width) {
+    k.combine_f32(taps, w, n, out, width);
+}
+
+bool rows_fit(int srcStep, int dstStep, Size size, std::int64_t sample_bytes) noexcept {
+    return std::int64_t{srcStep} >= size.width * sample_bytes && std::int64_t{dstStep} >= size.width * sample_bytes;
 }
 
 template <class Run>
@@ -350,17 +403,28 @@ PrimitiveStatus GaussianFilterInit(Size size, int kernelSize, float sigma, Borde
 PrimitiveStatus GaussianFilterRunU16(const std::uint16_t* src, int srcStep, std::uint16_t* dst, int dstStep,
                                      Size size, std::uint16_t borderValue, const unsigned char* record,
                                      unsigned char* work) noexcept {
-    return blur(src, srcStep, dst, dstStep, size, borderValue, record, work, SampleType::u16,
-                [](const BlurKernels& k, const float* const* taps, const float* w, int n, std::uint16_t* out,
-                   int width) { k.combine_u16(taps, w, n, out, width); });
+    if (const PrimitiveStatus s = check_run(src, dst, record, work, size, SampleType::u16); s != kOk) return s;
+    if (!rows_fit(srcStep, dstStep, size, 2)) return kBadSize;
+    blur(BufferRows<const std::uint16_t>{src, srcStep}, BufferRows<std::uint16_t>{dst, dstStep}, size, borderValue,
+         record, work, combine_u16);
+    return kOk;
 }
 
 PrimitiveStatus GaussianFilterRunF32(const float* src, int srcStep, float* dst, int dstStep, Size size,
                                      float borderValue, const unsigned char* record, unsigned char* work) noexcept {
-    return blur(src, srcStep, dst, dstStep, size, borderValue, record, work, SampleType::f32,
-                [](const BlurKernels& k, const float* const* taps, const float* w, int n, float* out, int width) {
-                    k.combine_f32(taps, w, n, out, width);
-                });
+    if (const PrimitiveStatus s = check_run(src, dst, record, work, size, SampleType::f32); s != kOk) return s;
+    if (!rows_fit(srcStep, dstStep, size, 4)) return kBadSize;
+    blur(BufferRows<const float>{src, srcStep}, BufferRows<float>{dst, dstStep}, size, borderValue, record, work,
+         combine_f32);
+    return kOk;
+}
+
+PrimitiveStatus GaussianFilterRowsU16(const Rows src, Rows dst, Size size, std::uint16_t borderValue,
+                                      const unsigned char* record, unsigned char* work) noexcept {
+    if (const PrimitiveStatus s = check_run(src, dst, record, work, size, SampleType::u16); s != kOk) return s;
+    if (reinterpret_cast<const GaussianRecord*>(record)->border == BorderKind::in_memory) return kBadBorder;
+    blur(RasterRows{src}, RasterRows{dst}, size, borderValue, record, work, combine_u16);
+    return kOk;
 }
 
 PrimitiveStatus GaussianFilterU16(const std::uint16_t* src, int srcStep, std::uint16_t* dst, int dstStep, Size size,

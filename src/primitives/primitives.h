@@ -140,6 +140,11 @@ PrimitiveStatus GaussianFilterRunU16(const std::uint16_t* src, int srcStep, std:
                                      unsigned char* work) noexcept;
 PrimitiveStatus GaussianFilterRunF32(const float* src, int srcStep, float* dst, int dstStep, Size size,
                                      float borderValue, const unsigned char* record, unsigned char* work) noexcept;
+// The 16-bit blur from one row-pointer raster into another, which may be the
+// same: the same samples as GaussianFilterRunU16 on contiguous copies of the
+// rows, without the copies. A border in memory has no rows to read (-225).
+PrimitiveStatus GaussianFilterRowsU16(const Rows src, Rows dst, Size size, std::uint16_t borderValue,
+                                      const unsigned char* record, unsigned char* work) noexcept;
 
 // The whole sequence for one blur: query, record and work block (-9 when
 // either cannot be obtained), initialisation, run, release on every path.
