@@ -45,6 +45,9 @@ double std_dev_from_sums(std::uint64_t sum, std::uint64_t sum_of_squares, std::u
     return std::sqrt(value) / static_cast<double>(n);
 }
 
+// n · Σx² ≤ k⁴ · 65535² stays below 2^64 up to this side.
+constexpr int kLargestSideFor64BitVariance = 255;
+
 // Where the window's rows and columns come from. With a replicated border an
 // index outside the region is held to it; with the border in memory it is read
 // where it lies.
@@ -172,10 +175,14 @@ PrimitiveStatus WindowStdDevMapU16(const std::uint16_t* src, int srcStep, float*
     const std::int64_t columns = std::int64_t{size.width} + k - 1;
     if (std::int64_t{srcStep} < columns * 2 || std::int64_t{dstStep} < std::int64_t{size.width} * 4) return kBadSize;
 
-    Buffer<unsigned char> block(AllocBytes(columns * 2 * std::int64_t{sizeof(std::uint64_t)}));
+    // Column sums of samples and of their squares, then the window sums of
+    // one output row, finished into deviations in a second, vectorisable pass.
+    Buffer<unsigned char> block(AllocBytes((columns + size.width) * 2 * std::int64_t{sizeof(std::uint64_t)}));
     if (!block) return kNoMemory;
     auto* sums = reinterpret_cast<std::uint64_t*>(block.get());
     std::uint64_t* squares = sums + columns;
+    std::uint64_t* row_sums = squares + columns;
+    std::uint64_t* row_squares = row_sums + size.width;
     for (int j = 0; j < k; ++j) {
         const std::uint16_t* row = row_at(src, srcStep, j);
         for (std::int64_t c = 0; c < columns; ++c) {
@@ -192,10 +199,23 @@ PrimitiveStatus WindowStdDevMapU16(const std::uint16_t* src, int srcStep, float*
             sum_of_squares += squares[c];
         }
         for (std::int64_t x = 0; x < size.width; ++x) {
-            out[x] = static_cast<float>(std_dev_from_sums(sum, sum_of_squares, n));
+            row_sums[x] = sum;
+            row_squares[x] = sum_of_squares;
             if (x + 1 == size.width) break;
             sum = sum + sums[x + k] - sums[x];
             sum_of_squares = sum_of_squares + squares[x + k] - squares[x];
+        }
+        if (k <= kLargestSideFor64BitVariance) {
+            // n · Σx² < 2^64 here: the same scaled variance as the wide
+            // arithmetic, converted with the same rounding.
+            const double divisor = static_cast<double>(n);
+            for (std::int64_t x = 0; x < size.width; ++x) {
+                const std::uint64_t scaled_variance = n * row_squares[x] - row_sums[x] * row_sums[x];
+                out[x] = static_cast<float>(std::sqrt(static_cast<double>(scaled_variance)) / divisor);
+            }
+        } else {
+            for (std::int64_t x = 0; x < size.width; ++x)
+                out[x] = static_cast<float>(std_dev_from_sums(row_sums[x], row_squares[x], n));
         }
         if (y + 1 == size.height) break;
         const std::uint16_t* entering = row_at(src, srcStep, y + k);
