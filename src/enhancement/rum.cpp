@@ -99,6 +99,23 @@ PrimitiveStatus check_image(int height, int width) {
     return prim::kOk;
 }
 
+// The first stage of both filters: the input as a contiguous buffer and its
+// local mean.
+struct ImageAndMean {
+    Buffer<std::uint16_t> image;
+    Buffer<std::uint16_t> mean;
+
+    PrimitiveStatus make(Rows src, Size size, int side) {
+        const std::int64_t n = std::int64_t{size.width} * size.height;
+        image.reset(prim::AllocU16(n));
+        if (!image) return prim::kNoMemory;
+        prim::CopyRowsToBuffer(src, image.get(), size.width, size.height);
+        mean.reset(prim::AllocU16(n));
+        if (!mean) return prim::kNoMemory;
+        return local_mean(image.get(), mean.get(), size, side);
+    }
+};
+
 }  // namespace
 
 int rum_enhancement(Rows src, Rows dst, int height, int width, int white, float intensity,
@@ -108,13 +125,10 @@ int rum_enhancement(Rows src, Rows dst, int height, int width, int white, float 
     const std::int64_t n = std::int64_t{width} * height;
     const int u16_step = width * 2, f32_step = width * 4;
 
-    Buffer<std::uint16_t> image(prim::AllocU16(n));
-    if (!image) return prim::kNoMemory;
-    prim::CopyRowsToBuffer(src, image.get(), width, height);
-    Buffer<std::uint16_t> mean(prim::AllocU16(n));
-    if (!mean) return prim::kNoMemory;
-    if (const PrimitiveStatus s = local_mean(image.get(), mean.get(), size, settings.smoothing_side); s != prim::kOk)
-        return s;
+    ImageAndMean first;
+    if (const PrimitiveStatus s = first.make(src, size, settings.smoothing_side); s != prim::kOk) return s;
+    Buffer<std::uint16_t>& image = first.image;
+    Buffer<std::uint16_t>& mean = first.mean;
 
     Buffer<float> gain(prim::AllocF32(n));  // the deviation first
     if (!gain) return prim::kNoMemory;
@@ -168,13 +182,10 @@ int test_rum(Rows src, Rows dst, int height, int width, const RumSettings& setti
     const Size size{width, height};
     const std::int64_t n = std::int64_t{width} * height;
 
-    Buffer<std::uint16_t> image(prim::AllocU16(n));
-    if (!image) return prim::kNoMemory;
-    prim::CopyRowsToBuffer(src, image.get(), width, height);
-    Buffer<std::uint16_t> mean(prim::AllocU16(n));
-    if (!mean) return prim::kNoMemory;
-    if (const PrimitiveStatus s = local_mean(image.get(), mean.get(), size, settings.smoothing_side); s != prim::kOk)
-        return s;
+    ImageAndMean first;
+    if (const PrimitiveStatus s = first.make(src, size, settings.smoothing_side); s != prim::kOk) return s;
+    Buffer<std::uint16_t>& image = first.image;
+    Buffer<std::uint16_t>& mean = first.mean;
 
     const std::uint32_t t1 = platform::tick_count();
     Buffer<float> deviation(prim::AllocF32(n));

@@ -181,41 +181,32 @@ struct BlurKernels {
     void (*combine_u16)(const float* const*, const float*, int, std::uint16_t*, int);
 };
 
-// Portable: four lanes, which every x86-64 has and other processors emulate.
-void widen_portable(const std::uint16_t* in, float* out, int n) { widen_samples<4>(in, out, n); }
-KRF_TARGET_AVX2 void widen_avx2(const std::uint16_t* in, float* out, int n) { widen_samples<8>(in, out, n); }
-KRF_TARGET_AVX512BW void widen_avx512(const std::uint16_t* in, float* out, int n) { widen_samples<16>(in, out, n); }
-void filter_row_portable(const float* p, const float* w, int k, float* o, int n) { filter_row<4>(p, w, k, o, n); }
-void combine_f32_portable(const float* const* t, const float* w, int k, float* o, int n) {
-    combine_rows_f32<4>(t, w, k, o, n);
-}
-void combine_u16_portable(const float* const* t, const float* w, int k, std::uint16_t* o, int n) {
-    combine_rows_u16<4>(t, w, k, o, n);
-}
-KRF_TARGET_AVX2 void filter_row_avx2(const float* p, const float* w, int k, float* o, int n) {
-    filter_row<8>(p, w, k, o, n);
-}
-KRF_TARGET_AVX2 void combine_f32_avx2(const float* const* t, const float* w, int k, float* o, int n) {
-    combine_rows_f32<8>(t, w, k, o, n);
-}
-KRF_TARGET_AVX2 void combine_u16_avx2(const float* const* t, const float* w, int k, std::uint16_t* o, int n) {
-    combine_rows_u16<8>(t, w, k, o, n);
-}
-KRF_TARGET_AVX512BW void filter_row_avx512(const float* p, const float* w, int k, float* o, int n) {
-    filter_row<16>(p, w, k, o, n);
-}
-KRF_TARGET_AVX512BW void combine_f32_avx512(const float* const* t, const float* w, int k, float* o, int n) {
-    combine_rows_f32<16>(t, w, k, o, n);
-}
-KRF_TARGET_AVX512BW void combine_u16_avx512(const float* const* t, const float* w, int k, std::uint16_t* o, int n) {
-    combine_rows_u16<16>(t, w, k, o, n);
-}
+// One set of kernels per code path, compiled for its instruction set. The
+// portable set uses four lanes, which every x86-64 has and other processors
+// emulate.
+#define KRF_BLUR_KERNELS(PATH, TARGET, LANES)                                                                      \
+    TARGET void widen_##PATH(const std::uint16_t* in, float* out, int n) { widen_samples<LANES>(in, out, n); }     \
+    TARGET void filter_row_##PATH(const float* p, const float* w, int k, float* o, int n) {                         \
+        filter_row<LANES>(p, w, k, o, n);                                                                          \
+    }                                                                                                              \
+    TARGET void combine_f32_##PATH(const float* const* t, const float* w, int k, float* o, int n) {                 \
+        combine_rows_f32<LANES>(t, w, k, o, n);                                                                    \
+    }                                                                                                              \
+    TARGET void combine_u16_##PATH(const float* const* t, const float* w, int k, std::uint16_t* o, int n) {         \
+        combine_rows_u16<LANES>(t, w, k, o, n);                                                                    \
+    }                                                                                                              \
+    constexpr BlurKernels kernels_##PATH{widen_##PATH, filter_row_##PATH, combine_f32_##PATH, combine_u16_##PATH};
+
+KRF_BLUR_KERNELS(portable, , 4)
+KRF_BLUR_KERNELS(avx2, KRF_TARGET_AVX2, 8)
+KRF_BLUR_KERNELS(avx512, KRF_TARGET_AVX512BW, 16)
+#undef KRF_BLUR_KERNELS
 
 BlurKernels kernels_for(CodePath path) noexcept {
     switch (path) {
-    case CodePath::avx512: return {widen_avx512, filter_row_avx512, combine_f32_avx512, combine_u16_avx512};
-    case CodePath::avx2: return {widen_avx2, filter_row_avx2, combine_f32_avx2, combine_u16_avx2};
-    default: return {widen_portable, filter_row_portable, combine_f32_portable, combine_u16_portable};
+    case CodePath::avx512: return kernels_avx512;
+    case CodePath::avx2: return kernels_avx2;
+    default: return kernels_portable;
     }
 }
 
