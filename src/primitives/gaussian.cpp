@@ -35,6 +35,7 @@ struct GaussianRecord {
     BorderKind border;
     SampleType type;
     CodePath path;  // resolved: never `fastest`
+    int skip;       // leading (and trailing) taps whose float weight is 0
 };
 
 constexpr std::int64_t align64(std::int64_t bytes) noexcept { return (bytes + 63) & ~std::int64_t{63}; }
@@ -114,6 +115,11 @@ KRF_ALWAYS_INLINE void weighted_block(int x, const float* weights, int kernel, I
     using F = typename Lanes<N>::F;
     const int last = kernel - 1, centre = kernel / 2;
     F acc[B];
+    if (kernel == 1) {
+        const F only = F{} + weights[0];
+        for (int b = 0; b < B; ++b) store_block(x + b * N, only * load<F>(input(0, x + b * N)));
+        return;
+    }
     const F outer = F{} + weights[0];
     for (int b = 0; b < B; ++b)
         acc[b] = outer * (load<F>(input(0, x + b * N)) + load<F>(input(last, x + b * N)));
@@ -135,6 +141,10 @@ KRF_ALWAYS_INLINE void weighted_row(int width, const float* weights, int kernel,
     for (; x + N <= width; x += N) weighted_block<N, 1>(x, weights, kernel, input, store_block);
     const int last = kernel - 1, centre = kernel / 2;
     for (; x < width; ++x) {
+        if (kernel == 1) {
+            store_one(x, weights[0] * *input(0, x));
+            continue;
+        }
         float acc = weights[0] * (*input(0, x) + *input(last, x));
         for (int i = 1; i < centre; ++i) acc = acc + weights[i] * (*input(i, x) + *input(last - i, x));
         store_one(x, acc + weights[centre] * *input(centre, x));
@@ -268,7 +278,9 @@ void blur(Source source_row, Dest dest_row, Size size, T borderValue, const unsi
     const auto* record = reinterpret_cast<const GaussianRecord*>(recordBlock);
     const int kernel = record->kernel, width = size.width;
     const std::int64_t height = size.height, half = kernel / 2;
-    const auto* weights = reinterpret_cast<const float*>(recordBlock + kWeightsOffset);
+    // Taps of weight 0 add nothing to a finite sum; the passes leave them out.
+    const int skip = record->skip, used = kernel - 2 * skip;
+    const auto* weights = reinterpret_cast<const float*>(recordBlock + kWeightsOffset) + skip;
     const BlurKernels kernels = kernels_for(record->path);
     const WorkLayout layout = work_layout(size, kernel);
     auto* tags = reinterpret_cast<std::int64_t*>(work + layout.tags);
@@ -308,18 +320,18 @@ void blur(Source source_row, Dest dest_row, Size size, T borderValue, const unsi
     };
 
     for (std::int64_t y = 0; y < height; ++y) {
-        for (int i = 0; i < kernel; ++i) {
-            const std::int64_t id = row_id(y - half + i);
+        for (int i = 0; i < used; ++i) {
+            const std::int64_t id = row_id(y - half + skip + i);
             const std::int64_t slot = id == kConstantRow ? kernel : id % kernel;
             float* filtered = ring + slot * width;
             if (tags[slot] != id) {
                 fill_padded(id);
-                kernels.filter_row(padded, weights, kernel, filtered, width);
+                kernels.filter_row(padded + skip, weights, used, filtered, width);
                 tags[slot] = id;
             }
             taps[i] = filtered;
         }
-        combine(kernels, taps, weights, kernel, dest_row(y), width);
+        combine(kernels, taps, weights, used, dest_row(y), width);
     }
 }
 
@@ -379,7 +391,7 @@ PrimitiveStatus GaussianFilterInit(Size size, int kernelSize, float sigma, Borde
         return kBadBorder;
 
     auto* header = reinterpret_cast<GaussianRecord*>(record);
-    *header = GaussianRecord{kRecordTag, size.width, size.height, kernelSize, border, type, resolve(path)};
+    *header = GaussianRecord{kRecordTag, size.width, size.height, kernelSize, border, type, resolve(path), 0};
     // The weights in double, so that a tiny sigma still gives 1 at the centre
     // and 0 elsewhere, then normalised and stored as floats for the passes.
     auto* weights = reinterpret_cast<float*>(record + kWeightsOffset);
@@ -388,6 +400,10 @@ PrimitiveStatus GaussianFilterInit(Size size, int kernelSize, float sigma, Borde
     for (int i = 0; i < kernelSize; ++i) sum += std::exp(-((i - centre) * (i - centre)) / two_s2);
     for (int i = 0; i < kernelSize; ++i)
         weights[i] = static_cast<float>(std::exp(-((i - centre) * (i - centre)) / two_s2) / sum);
+    // Far taps of a narrow kernel underflow to 0: with a huge K they would
+    // cost all the time and add nothing (a weight of 0 lets no sample count,
+    // not even an infinite one). The centre weight is never 0.
+    while (weights[header->skip] == 0.0f) ++header->skip;
     return kOk;
 }
 

@@ -62,7 +62,7 @@ TEST(GaussianPrimitive, DefaultKernelHasTheStatedWeights) {
 TEST(GaussianPrimitive, MatchesTheDefinitionOnEveryShape) {
     const int shapes[][2] = {{1, 1}, {1, 9}, {9, 1}, {2, 3}, {17, 13}, {70, 5}};
     for (const auto& wh : shapes)
-        for (const auto& [k, sigma] : {std::pair{3, 0.5f}, {5, 0.75f}, {7, 2.0f}, {31, 7.0f}}) {
+        for (const auto& [k, sigma] : {std::pair{3, 0.5f}, {5, 0.75f}, {7, 2.0f}, {31, 7.0f}, {401, 1.0f}}) {
             const int w = wh[0], h = wh[1];
             const auto img = random_image(w, h, w * 100 + h + k);
             const std::vector<double> img_d(img.begin(), img.end());
@@ -128,6 +128,15 @@ TEST(GaussianPrimitive, LongKernelsAndExtremeSigmasStayDefined) {
     u[5] = 7;
     ASSERT_EQ(GaussianFilterU16(u.data(), 12, uo.data(), 12, {6, 4}, 9, 1e-30f), kOk);
     EXPECT_EQ(uo, u);  // all weight on the centre tap
+    // The longest kernel with a narrow sigma on a whole radiograph's width:
+    // only the taps that matter are visited.
+    std::vector<std::uint16_t> wide(3000 * 40, 500), wide_out(wide.size());
+    wide[1500] = 4000;
+    ASSERT_EQ(GaussianFilterU16(wide.data(), 6000, wide_out.data(), 6000, {3000, 40}, kLargestGaussianKernel, 5.0f),
+              kOk);
+    std::vector<std::uint16_t> short_out(wide.size());
+    ASSERT_EQ(GaussianFilterU16(wide.data(), 6000, short_out.data(), 6000, {3000, 40}, 301, 5.0f), kOk);
+    for (std::size_t i = 0; i < wide.size(); ++i) ASSERT_NEAR(wide_out[i], short_out[i], 1) << i;
 }
 
 std::vector<std::uint16_t> real_crop(int& w, int& h) {
@@ -150,7 +159,7 @@ TEST(GaussianPrimitive, EveryCodePathGivesThePortableSamples) {
     for (const CodePath path : {CodePath::avx2, CodePath::avx512}) {
         if (!CodePathAvailable(path)) continue;
         ++paths_run;
-        for (const auto& [k, sigma] : {std::pair{3, 0.4f}, {5, 0.75f}, {7, 1.5f}, {31, 7.0f}, {65, 99.0f}}) {
+        for (const auto& [k, sigma] : {std::pair{3, 0.4f}, {5, 0.75f}, {7, 1.5f}, {31, 7.0f}, {65, 99.0f}, {201, 2.0f}, {9, 1e-30f}}) {
             std::vector<std::uint16_t> a(img.size()), b(img.size());
             ASSERT_EQ(GaussianFilterU16(img.data(), w * 2, a.data(), w * 2, {w, h}, k, sigma, CodePath::portable), kOk);
             ASSERT_EQ(GaussianFilterU16(img.data(), w * 2, b.data(), w * 2, {w, h}, k, sigma, path), kOk);
