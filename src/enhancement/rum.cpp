@@ -7,6 +7,7 @@
 // Every buffer comes from the primitives' allocator; one that cannot be had
 // ends the run with -9 (the primitives' code for missing scratch memory), and
 // like every other failure leaves the output rows unwritten.
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 
@@ -24,10 +25,10 @@ using prim::Size;
 int made_odd(int side) { return side % 2 == 0 ? side + 1 : side; }
 
 // The padded copies grow with the square of the window. Beyond 2^28 samples
-// (512 MiB) they are refused as memory that cannot be had: with overcommitted
-// memory the allocation itself would succeed, and only filling the padding
-// would find out, by exhausting the machine. No window the catalogue allows
-// comes near this on a radiograph.
+// (512 MiB), or twice the image when that is more, they are refused as memory
+// that cannot be had: with overcommitted memory the allocation itself would
+// succeed, and only filling the padding would find out, by exhausting the
+// machine. No window the catalogue allows comes near this on a radiograph.
 constexpr std::int64_t kLargestPaddedSamples = std::int64_t{1} << 28;
 
 // `image` with k / 2 replicated samples above and to the left and the rest of
@@ -41,7 +42,8 @@ struct PaddedCopy {
     PrimitiveStatus make(const std::uint16_t* image, Size size, int k) {
         const std::int64_t width = std::int64_t{size.width} + k - 1, height = std::int64_t{size.height} + k - 1;
         if (width <= 0 || height <= 0) return prim::kBadSize;
-        if (width * height > kLargestPaddedSamples) return prim::kNoMemory;
+        const std::int64_t image_samples = std::int64_t{size.width} * size.height;
+        if (width * height > std::max(kLargestPaddedSamples, 2 * image_samples)) return prim::kNoMemory;
         samples.reset(prim::AllocU16(width * height));
         if (!samples) return prim::kNoMemory;
         step = static_cast<int>(width * 2);
