@@ -118,7 +118,8 @@ PrimitiveStatus WindowStdDevMapU16(const std::uint16_t* src, int srcStep, float*
 // the record is initialised, then the blur runs. Weights g(i) = exp(−(i −
 // (K−1)/2)² / (2s²)) / sum for i = 0 ... K−1, applied along rows, then along
 // columns. Kernels longer than kLargestGaussianKernel are refused with -5: the
-// ring of filtered rows grows with K and no sigma makes so many taps matter.
+// work block holds K filtered rows, and longer kernels would only make it
+// larger without changing any sample a sigma below a few hundred produces.
 constexpr int kLargestGaussianKernel = 65535;
 
 // Checks, in order: -8 null outputs, -6 size, -5 K below 3, even or too long,
