@@ -3,10 +3,11 @@
 // rows and the column pass combines the K rows under each output row, so the
 // work stays in cache whatever the image size.
 //
-// Each output sample is the weighted sum of its K inputs added in tap order,
-// first tap first. Only that order of additions is a choice here; the vector
-// paths keep it (their lanes are neighbouring output samples, each summed tap
-// by tap), so every path gives the same samples as the portable one.
+// Each output sample is the weighted sum of its K inputs in one fixed order
+// (mirrored pairs first, outermost first, the centre last; see
+// weighted_block). Only that order of additions is a choice here; the vector
+// paths keep it (their lanes are neighbouring output samples, each summed in
+// that order), so every path gives the same samples as the portable one.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
