@@ -48,6 +48,8 @@ constexpr DemoValue kDemoValues[] = {
     {"RUM", 2, 7, "a deviation window of 1 gives zero gain, the identity"},
     {"RUM", 3, 2000, "the gain peaks near the phantom's deviation (65535 scale)"},
     {"testRUM", 1, 7, "a deviation window of 1 gives an all-zero deviation map"},
+    {"gaussian", 0, 15, "5 taps at sigma 0.75 barely soften the phantom"},
+    {"gaussian", 1, 4, "5 taps at sigma 0.75 barely soften the phantom"},
 };
 
 struct Outcome {

@@ -6,6 +6,7 @@
 #include "corrections/contrast_correction.h"
 #include "corrections/rain.h"
 #include "corrections/spine_compensation.h"
+#include "enhancement/enhancement.h"
 #include "interface/dispatch.h"
 #include "interface/truncation.h"
 #include "neighbourhood/local_filters.h"
@@ -31,6 +32,12 @@ int entropy_contrast_entry(const FilterCall& c, void** p, int gaussian_weights) 
         double_param(p, 0), double_param(p, 1), double_param(p, 2), double_param(p, 3),
         double_param(p, 4), double_param(p, 5)};
     return tone::entropy_contrast(c.src, c.dst, c.height, c.width, c.white, gaussian_weights, params);
+}
+
+// "RUM" reads its parameters after "intensity" from params[1], "testRUM" from params[0].
+RumSettings rum_settings(void** p, int first) {
+    return {int_param(p, first), int_param(p, first + 1), int_param(p, first + 2), int_param(p, first + 3),
+            int_param(p, first + 4), float_param(p, first + 5)};
 }
 
 }  // namespace
@@ -85,6 +92,19 @@ const DispatchEntry dispatch_table[] = {
                                  double_param(params, 0));
          });
      }},
+    {"RUM", true, [](const FilterCall& c, void** p) {
+         return timed(nullptr, c, p, [](const FilterCall& call, void** params) {
+             return rum_enhancement(call.src, call.dst, call.height, call.width, call.white, float_param(params, 0),
+                                    rum_settings(params, 1));
+         });
+     }},
+    // The test variant reports no status: a failed run leaves the output unwritten and still returns 0.
+    {"testRUM", true, [](const FilterCall& c, void** p) {
+         return timed(" Time Test Function:%d millisec  \n", c, p, [](const FilterCall& call, void** params) {
+             test_rum(call.src, call.dst, call.height, call.width, rum_settings(params, 0));
+             return 0;
+         });
+     }},
     {"emboss", true, [](const FilterCall& c, void** p) {
          return emboss(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
      }},
@@ -121,6 +141,9 @@ const DispatchEntry dispatch_table[] = {
                                        int_param(p, 2), int_param(p, 3), int_param(p, 10), 1, int_param(p, 5),
                                        int_param(p, 6), int_param(p, 7), int_param(p, 8), int_param(p, 9),
                                        double_param(p, 4));
+     }},
+    {"gaussian", true, [](const FilterCall& c, void** p) {
+         return gaussian_filter(c.src, c.dst, c.height, c.width, int_param(p, 0), float_param(p, 1));
      }},
 };
 

@@ -44,6 +44,17 @@ std::uint16_t saturate_u16(float value, Round round) noexcept {
     return rounded >= 65535.0f ? std::uint16_t{65535} : static_cast<std::uint16_t>(rounded);
 }
 
+// Saturated first, then rounded to nearest with ties to even: adding and
+// subtracting 1.5 · 2^23 leaves the nearest integer in the default rounding
+// mode for every value of 0 ... 65535, exactly as nearbyint would, without a
+// library call per sample, so the loop vectorises. NaN fails the first
+// comparison and stores 0.
+std::uint16_t nearest_even_u16(float value) noexcept {
+    float v = value > 0.0f ? value : 0.0f;
+    v = v < 65535.0f ? v : 65535.0f;
+    return static_cast<std::uint16_t>(static_cast<std::int32_t>((v + 12582912.0f) - 12582912.0f));
+}
+
 }  // namespace
 
 PrimitiveStatus ConvertU16ToF32(const std::uint16_t* src, int srcStep, float* dst, int dstStep, Size size) noexcept {
@@ -53,9 +64,7 @@ PrimitiveStatus ConvertU16ToF32(const std::uint16_t* src, int srcStep, float* ds
 PrimitiveStatus ConvertF32ToU16(const float* src, int srcStep, std::uint16_t* dst, int dstStep, Size size,
                                 Rounding rounding) noexcept {
     if (rounding == Rounding::ties_to_even)
-        // nearbyint rounds in the default mode, to nearest with ties to even.
-        return for_each_pair(src, srcStep, dst, dstStep, size,
-                             [](float s, std::uint16_t& d) { d = saturate_u16(s, [](float v) { return std::nearbyintf(v); }); });
+        return for_each_pair(src, srcStep, dst, dstStep, size, [](float s, std::uint16_t& d) { d = nearest_even_u16(s); });
     return for_each_pair(src, srcStep, dst, dstStep, size,
                          [](float s, std::uint16_t& d) { d = saturate_u16(s, [](float v) { return std::roundf(v); }); });
 }

@@ -1,0 +1,85 @@
+// "gaussian" through the dispatcher: the stated weights, the sigma clamp, the
+// refusals and an untouched output on every failure.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <vector>
+
+#include "primitives/primitives.h"
+#include "support/test_images.h"
+
+namespace {
+
+using krf::test::Image;
+using krf::test::Params;
+
+Image blurred(Image& in, int kernel, float sigma, int* code = nullptr) {
+    Image out(in.height(), in.width(), krf::test::kMarker);
+    const int c = krf::test::run_filter("gaussian", in, out, 4095, Params().add_int(kernel).add_float(sigma).data());
+    if (code != nullptr) *code = c;
+    else EXPECT_EQ(c, 0);
+    return out;
+}
+
+// The filter is the 16-bit primitive (whose weights and borders its own tests
+// hold to the definition) between the host's rows.
+TEST(GaussianFilter, BlursTheRowsAsThePrimitiveBlursABufferOneColumnImagesIncluded) {
+    for (const auto& [height, width] : {std::pair{30, 41}, {9, 1}, {1, 9}}) {
+        Image in = krf::test::phantom(height, width, 4095);
+        std::vector<std::uint16_t> expected(in.samples().size());
+        ASSERT_EQ(krf::prim::GaussianFilterU16(in.samples().data(), width * 2, expected.data(), width * 2,
+                                               {width, height}, 5, 0.75f),
+                  krf::prim::kOk);
+        EXPECT_EQ(blurred(in, 5, 0.75f).samples(), expected) << height << "x" << width;
+    }
+}
+
+// The blur reads the host's rows directly; each is read before its own
+// output row is written, so filtering an image onto itself is safe.
+TEST(GaussianFilter, FilteringAnImageOntoItselfGivesTheSameSamples) {
+    for (const int kernel : {3, 7, 31}) {
+        Image in = krf::test::phantom(40, 27, 4095);
+        const Image expected = blurred(in, kernel, 3.0f);
+        ASSERT_EQ(krf::test::run_filter("gaussian", in, in, 4095, Params().add_int(kernel).add_float(3.0f).data()), 0);
+        EXPECT_TRUE(in == expected) << kernel;
+    }
+}
+
+TEST(GaussianFilter, SigmaIsHeldBetweenATenthAndFive) {
+    Image in = krf::test::phantom(20, 23, 4095);
+    const Image tenth = blurred(in, 7, 0.1f);
+    EXPECT_TRUE(blurred(in, 7, 0.0f) == tenth);
+    EXPECT_TRUE(blurred(in, 7, -3.0f) == tenth);
+    const Image five = blurred(in, 7, 5.0f);
+    EXPECT_TRUE(blurred(in, 7, 7.0f) == five);
+    EXPECT_TRUE(blurred(in, 7, INFINITY) == five);
+    EXPECT_FALSE(blurred(in, 7, 4.9f) == five);
+    EXPECT_FALSE(blurred(in, 7, 0.4f) == tenth);
+}
+
+TEST(GaussianFilter, RefusedKernelsAndNaNSigmaLeaveTheOutputUntouched) {
+    Image in = krf::test::phantom(6, 5, 4095);
+    const Image untouched(6, 5, krf::test::kMarker);
+    for (const auto& [kernel, sigma] : {std::pair{4, 1.0f}, {0, 1.0f}, {1, 1.0f}, {-5, 1.0f}, {INT_MAX, 1.0f},
+                                         {65537, 1.0f}, {5, NAN}}) {
+        int code = 0;
+        EXPECT_TRUE(blurred(in, kernel, sigma, &code) == untouched) << kernel;
+        EXPECT_EQ(code, -5) << kernel;
+    }
+    Image empty(0, 5);
+    int code = 0;
+    blurred(empty, 5, 1.0f, &code);
+    EXPECT_EQ(code, -6);
+}
+
+TEST(GaussianFilter, AllocationFailuresReportMissingMemory) {
+    Image in = krf::test::phantom(12, 17, 4095);
+    Params params;
+    params.add_int(5).add_float(1.0f);
+    const int allocations = krf::test::expect_clean_allocation_failures(
+        [&](Image& out) { return krf::test::run_filter("gaussian", in, out, 4095, params.data()); }, 12, 17, {-9});
+    EXPECT_EQ(allocations, 2);  // the preparation record and the work block
+}
+
+}  // namespace

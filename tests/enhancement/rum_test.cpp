@@ -1,0 +1,211 @@
+// "RUM" and "testRUM" through the dispatcher, against a reference built from
+// the stated stages on small images.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+#include "primitives/primitives.h"
+#include "support/test_images.h"
+
+namespace {
+
+using namespace krf::prim;
+using krf::test::Image;
+using krf::test::Params;
+
+struct Settings {
+    float intensity = 31;
+    int smoothing = 1, deviation = 1, peak = 1, offset = 0, gauss_size = 31;
+    float gauss_sigma = 7;
+};
+
+Params rum_params(const Settings& s) {
+    Params p;
+    p.add_float(s.intensity).add_int(s.smoothing).add_int(s.deviation).add_int(s.peak).add_int(s.offset)
+        .add_int(s.gauss_size).add_float(s.gauss_sigma);
+    return p;
+}
+Params test_rum_params(const Settings& s) {
+    Params p;
+    p.add_int(s.smoothing).add_int(s.deviation).add_int(s.peak).add_int(s.offset).add_int(s.gauss_size)
+        .add_float(s.gauss_sigma);
+    return p;
+}
+
+int odd(int k) { return k % 2 == 0 ? k + 1 : k; }
+
+// The smoothed deviation map: the window deviation of every replicated-edge
+// block, optionally scaled, then the zero-bordered Gaussian.
+std::vector<float> smoothed_deviation(const Image& in, const Settings& s, float scale, bool apply_scale) {
+    const int w = in.width(), h = in.height(), k = odd(s.deviation), r = k / 2;
+    std::vector<float> dev(w * h), smooth(w * h);
+    std::vector<std::uint16_t> block(k * k);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            for (int j = 0; j < k; ++j)
+                for (int i = 0; i < k; ++i)
+                    block[j * k + i] = in.at(std::clamp(y - r + j, 0, h - 1), std::clamp(x - r + i, 0, w - 1));
+            double sd = 0;
+            EXPECT_EQ(WindowStdDevU16(block.data(), k * 2, k, &sd), kOk);
+            dev[y * w + x] = static_cast<float>(sd);
+            if (apply_scale) dev[y * w + x] = dev[y * w + x] * scale;
+        }
+    EXPECT_EQ(GaussianFilterF32(dev.data(), w * 4, smooth.data(), w * 4, {w, h}, s.gauss_size, s.gauss_sigma), kOk);
+    return smooth;
+}
+
+Image reference_rum(const Image& in, int white, const Settings& s) {
+    const int w = in.width(), h = in.height(), k = odd(s.smoothing), r = k / 2;
+    const auto g = smoothed_deviation(in, s, 65535.0f / static_cast<float>(white), true);
+    const float p = static_cast<float>(s.peak), t = static_cast<float>(s.offset);
+    const float q = 1.0f / (p * 2.0f), half = p * 0.5f;
+    Image out(h, w);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            long sum = 0;
+            for (int j = -r; j <= r; ++j)
+                for (int i = -r; i <= r; ++i) sum += in.at(std::clamp(y + j, 0, h - 1), std::clamp(x + i, 0, w - 1));
+            const float mean = std::floor(static_cast<double>(sum) / (k * k) + 0.5);
+            const float v = g[y * w + x] + t, gain = v / (v * v * q + half);
+            const float X = in.at(y, x);
+            const float mixed = (mean - X) * (gain * -s.intensity) + X;
+            const float rounded = std::clamp(std::nearbyint(mixed), 0.0f, 65535.0f);
+            out.at(y, x) = static_cast<krf::Sample>(std::min<float>(rounded, white));
+        }
+    return out;
+}
+
+Image run(const char* name, Image& in, int white, Params params, int* code = nullptr) {
+    Image out(in.height(), in.width(), krf::test::kMarker);
+    const int c = krf::test::run_filter(name, in, out, white, params.data());
+    if (code != nullptr) *code = c;
+    else EXPECT_EQ(c, 0) << name;
+    return out;
+}
+
+TEST(Rum, FollowsTheStagesOnPhantomsAndRealData) {
+    Image in = krf::test::phantom(29, 34, 4095);
+    Settings s;
+    s.intensity = 2;
+    s.smoothing = 6;  // made odd: 7
+    s.deviation = 5;
+    s.peak = 2000;
+    s.offset = 40;
+    s.gauss_size = 9;
+    s.gauss_sigma = 2.5f;
+    const Image out = run("RUM", in, 4095, rum_params(s));
+    EXPECT_TRUE(out == reference_rum(in, 4095, s));
+    EXPECT_FALSE(out == in);  // the settings do enhance
+    // White 1023 scales the deviation by 65535 / 1023 and clamps the result to 1023.
+    Image in10 = krf::test::phantom(17, 21, 1023);
+    in10.at(3, 3) = 4000;  // above white
+    EXPECT_TRUE(run("RUM", in10, 1023, rum_params(s)) == reference_rum(in10, 1023, s));
+
+    krf::tools::GreyImage image;
+    ASSERT_EQ(krf::tools::read_grey_image(std::string(KRFILTER_DATA_DIR) + "/cr-15bit.png", image), "");
+    Image crop(40, 50);
+    for (int y = 0; y < 40; ++y)
+        for (int x = 0; x < 50; ++x) crop.at(y, x) = image.row(image.height / 2 + y)[image.width / 2 + x];
+    s.intensity = 31;
+    s.peak = 300;
+    EXPECT_TRUE(run("RUM", crop, image.white, rum_params(s)) == reference_rum(crop, image.white, s));
+}
+
+TEST(Rum, ZeroDeviationGivesTheConstantGain) {
+    Image in = krf::test::phantom(15, 16, 4095);
+    in.at(2, 2) = 5000;
+    Settings s;
+    s.smoothing = 2;  // behaves as 3
+    // A deviation window of 1 and no offset: gain 0, the input clamped to white.
+    Image clamped = in;
+    for (int y = 0; y < 15; ++y)
+        for (int x = 0; x < 16; ++x) clamped.at(y, x) = std::min<krf::Sample>(in.at(y, x), 4095);
+    EXPECT_TRUE(run("RUM", in, 4095, rum_params(s)) == clamped);
+    // peak = offset (+ zero deviation) gives gain 1: X + intensity · (X − mean3x3).
+    s.peak = s.offset = 2;
+    s.intensity = 3;
+    const Image out = run("RUM", in, 4095, rum_params(s));
+    s.smoothing = 3;
+    EXPECT_TRUE(run("RUM", in, 4095, rum_params(s)) == out);
+    for (int y = 0; y < 15; ++y)
+        for (int x = 0; x < 16; ++x) {
+            long sum = 0;
+            for (int j = -1; j <= 1; ++j)
+                for (int i = -1; i <= 1; ++i) sum += in.at(std::clamp(y + j, 0, 14), std::clamp(x + i, 0, 15));
+            const long mean = (sum + 4) / 9, X = in.at(y, x);
+            ASSERT_EQ(out.at(y, x), std::clamp(X + 3 * (X - mean), 0L, 4095L)) << x << "," << y;
+        }
+}
+
+TEST(Rum, GaussianRefusalsAndAllocationFailuresLeaveTheOutputUntouched) {
+    Image in = krf::test::phantom(10, 11, 4095);
+    const Image untouched(10, 11, krf::test::kMarker);
+    Settings s;
+    s.deviation = 3;
+    s.gauss_sigma = 0;  // the catalogue's minimum
+    int code = 0;
+    EXPECT_TRUE(run("RUM", in, 4095, rum_params(s), &code) == untouched);
+    EXPECT_EQ(code, -5);
+    s.gauss_sigma = 2;
+    s.gauss_size = 4;
+    EXPECT_TRUE(run("RUM", in, 4095, rum_params(s), &code) == untouched);
+    EXPECT_EQ(code, -5);
+    s.gauss_size = 5;
+    s.smoothing = 1 << 20;  // padding beyond what the filter takes on
+    EXPECT_TRUE(run("RUM", in, 4095, rum_params(s), &code) == untouched);
+    EXPECT_EQ(code, -9);
+
+    s.smoothing = 3;
+    Params p = rum_params(s);
+    krf::test::expect_clean_allocation_failures(
+        [&](Image& out) { return krf::test::run_filter("RUM", in, out, 4095, p.data()); }, 10, 11, {-9});
+    // "testRUM" reports no status to the host: a failed run returns 0 and writes nothing.
+    Params tp = test_rum_params(s);
+    krf::test::expect_clean_allocation_failures(
+        [&](Image& out) { return krf::test::run_filter("testRUM", in, out, 4095, tp.data()); }, 10, 11, {0});
+}
+
+std::string captured_debug_lines(Image& in, const Settings& s) {
+    setenv("KRFILTER_DEBUG", "1", 1);
+    ::testing::internal::CaptureStderr();
+    Image out(in.height(), in.width());
+    krf::test::run_filter("testRUM", in, out, 4095, test_rum_params(s).data());
+    const std::string lines = ::testing::internal::GetCapturedStderr();
+    unsetenv("KRFILTER_DEBUG");
+    return lines;
+}
+
+TEST(TestRum, WritesTheTruncatedSmoothedDeviationAndReportsEachStage) {
+    Image in = krf::test::phantom(19, 23, 4095);
+    Settings s;
+    s.deviation = 4;
+    s.gauss_size = 7;
+    s.gauss_sigma = 1.5f;
+    const auto map = smoothed_deviation(in, s, 1.0f, false);  // no white scaling here
+    Image expected(19, 23);
+    for (int y = 0; y < 19; ++y)
+        for (int x = 0; x < 23; ++x) expected.at(y, x) = static_cast<krf::Sample>(static_cast<int>(map[y * 23 + x]));
+    EXPECT_TRUE(run("testRUM", in, 4095, test_rum_params(s)) == expected);
+
+    const std::string stage = " millisec  \n";
+    const std::regex lines(" Time mean:\\d+" + stage + " Time devStd:\\d+" + stage + " Time gaussFiltering:\\d+" +
+                           stage + " Time rationalCoefficients:\\d+" + stage + "\n Time totale:\\d+" + stage +
+                           "\n Time Test Function:\\d+" + stage);
+    EXPECT_TRUE(std::regex_match(captured_debug_lines(in, s), lines)) << captured_debug_lines(in, s);
+    // A failed run sends only the dispatcher's line; "RUM" sends none.
+    s.gauss_sigma = 0;
+    EXPECT_TRUE(std::regex_match(captured_debug_lines(in, s), std::regex(" Time Test Function:\\d+" + stage)));
+    setenv("KRFILTER_DEBUG", "1", 1);
+    ::testing::internal::CaptureStderr();
+    run("RUM", in, 4095, rum_params(Settings{}));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    unsetenv("KRFILTER_DEBUG");
+}
+
+}  // namespace
