@@ -3,6 +3,7 @@
 // Entries stand in the dispatcher's comparison order, which differs from the
 // catalogue's; a filter appears here only once its handler exists, so any
 // other name is refused with -3.
+#include "enhancement/enhancement.h"
 #include "interface/dispatch.h"
 #include "neighbourhood/local_filters.h"
 #include "neighbourhood/median.h"
@@ -43,6 +44,21 @@ const DispatchEntry dispatch_table[] = {
     {"equalize", false, [](const FilterCall& c, void**) { return tone::equalize(c.src, c.dst, c.height, c.width, c.white); }},
     {"mean2D", true, [](const FilterCall& c, void** p) {
          return box_mean(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
+     }},
+    // The wavelet filters report no failure to the host: a run that cannot
+    // finish leaves the output untouched and still answers 0.
+    {"advancedsmoothing", true, [](const FilterCall& c, void** p) {
+         advanced_smoothing(c.src, c.dst, c.height, c.width, float_param(p, 0), float_param(p, 1), float_param(p, 2),
+                            float_param(p, 3));
+         return 0;
+     }},
+    // Runs of the undecimated variant need hundreds of megabytes each; the
+    // named slot bounds how many run at once across all processes.
+    {"advancedsmoothing2", true, [](const FilterCall& c, void** p) {
+         const platform::NamedSlot slot("advancedsmoothing2");
+         advanced_smoothing_2(c.src, c.dst, c.height, c.width, float_param(p, 0), float_param(p, 1),
+                              float_param(p, 2), float_param(p, 3));
+         return 0;
      }},
     {"despeckle", true, [](const FilterCall& c, void** p) {
          return despeckle(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0), int_param(p, 1));

@@ -1,0 +1,462 @@
+// 16-tap filters and one level of wavelet analysis and synthesis. Every
+// operation is reduced to weighted sums of whole rows (WeightedSumF32): the
+// column filters weight source rows, the row filters weight shifted copies of
+// one row, and the down- and up-sampling become polyphase choices of which
+// rows and shifts take part, so no product with an inserted zero is computed.
+#include "primitives/wavelet.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstddef>
+#include <type_traits>
+
+#include "platform/platform.h"
+#include "platform/vector_targets.h"
+
+#if KRF_X86
+#include <immintrin.h>
+#endif
+
+namespace krf::prim {
+
+namespace {
+
+// ---- The weighted row sum on each code path. All three start from the
+// first product and add the others in ascending term order, without fused
+// multiply-adds, so they agree sample for sample.
+
+void weighted_sum_portable(const float* const* terms, const float* weights, int termCount, float* dst,
+                           std::int64_t count) noexcept {
+    // Blocks of accumulators that the compiler keeps in vector registers.
+    constexpr int kBlock = 64;
+    float acc[kBlock];
+    for (std::int64_t start = 0; start < count; start += kBlock) {
+        const int n = static_cast<int>(std::min<std::int64_t>(kBlock, count - start));
+        const float w0 = weights[0];
+        const float* t0 = terms[0] + start;
+        for (int i = 0; i < n; ++i) acc[i] = w0 * t0[i];
+        for (int t = 1; t < termCount; ++t) {
+            const float w = weights[t];
+            const float* s = terms[t] + start;
+            for (int i = 0; i < n; ++i) acc[i] = acc[i] + w * s[i];
+        }
+        for (int i = 0; i < n; ++i) dst[start + i] = acc[i];
+    }
+}
+
+#if KRF_X86
+KRF_TARGET_AVX2 void weighted_sum_avx2(const float* const* terms, const float* weights, int termCount, float* dst,
+                                       std::int64_t count) noexcept {
+    std::int64_t i = 0;
+    // Four independent vectors per pass hide the latency of the add chain.
+    for (; i + 32 <= count; i += 32) {
+        __m256 w = _mm256_set1_ps(weights[0]);
+        __m256 a0 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i));
+        __m256 a1 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i + 8));
+        __m256 a2 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i + 16));
+        __m256 a3 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i + 24));
+        for (int t = 1; t < termCount; ++t) {
+            w = _mm256_set1_ps(weights[t]);
+            const float* s = terms[t] + i;
+            a0 = _mm256_add_ps(a0, _mm256_mul_ps(w, _mm256_loadu_ps(s)));
+            a1 = _mm256_add_ps(a1, _mm256_mul_ps(w, _mm256_loadu_ps(s + 8)));
+            a2 = _mm256_add_ps(a2, _mm256_mul_ps(w, _mm256_loadu_ps(s + 16)));
+            a3 = _mm256_add_ps(a3, _mm256_mul_ps(w, _mm256_loadu_ps(s + 24)));
+        }
+        _mm256_storeu_ps(dst + i, a0);
+        _mm256_storeu_ps(dst + i + 8, a1);
+        _mm256_storeu_ps(dst + i + 16, a2);
+        _mm256_storeu_ps(dst + i + 24, a3);
+    }
+    for (; i + 8 <= count; i += 8) {
+        __m256 a = _mm256_mul_ps(_mm256_set1_ps(weights[0]), _mm256_loadu_ps(terms[0] + i));
+        for (int t = 1; t < termCount; ++t)
+            a = _mm256_add_ps(a, _mm256_mul_ps(_mm256_set1_ps(weights[t]), _mm256_loadu_ps(terms[t] + i)));
+        _mm256_storeu_ps(dst + i, a);
+    }
+    for (; i < count; ++i) {
+        float a = weights[0] * terms[0][i];
+        for (int t = 1; t < termCount; ++t) a = a + weights[t] * terms[t][i];
+        dst[i] = a;
+    }
+}
+
+__attribute__((target("avx512f"))) void weighted_sum_avx512(const float* const* terms, const float* weights,
+                                                            int termCount, float* dst, std::int64_t count) noexcept {
+    std::int64_t i = 0;
+    for (; i + 64 <= count; i += 64) {
+        __m512 w = _mm512_set1_ps(weights[0]);
+        __m512 a0 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i));
+        __m512 a1 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i + 16));
+        __m512 a2 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i + 32));
+        __m512 a3 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i + 48));
+        for (int t = 1; t < termCount; ++t) {
+            w = _mm512_set1_ps(weights[t]);
+            const float* s = terms[t] + i;
+            a0 = _mm512_add_ps(a0, _mm512_mul_ps(w, _mm512_loadu_ps(s)));
+            a1 = _mm512_add_ps(a1, _mm512_mul_ps(w, _mm512_loadu_ps(s + 16)));
+            a2 = _mm512_add_ps(a2, _mm512_mul_ps(w, _mm512_loadu_ps(s + 32)));
+            a3 = _mm512_add_ps(a3, _mm512_mul_ps(w, _mm512_loadu_ps(s + 48)));
+        }
+        _mm512_storeu_ps(dst + i, a0);
+        _mm512_storeu_ps(dst + i + 16, a1);
+        _mm512_storeu_ps(dst + i + 32, a2);
+        _mm512_storeu_ps(dst + i + 48, a3);
+    }
+    for (; i + 16 <= count; i += 16) {
+        __m512 a = _mm512_mul_ps(_mm512_set1_ps(weights[0]), _mm512_loadu_ps(terms[0] + i));
+        for (int t = 1; t < termCount; ++t)
+            a = _mm512_add_ps(a, _mm512_mul_ps(_mm512_set1_ps(weights[t]), _mm512_loadu_ps(terms[t] + i)));
+        _mm512_storeu_ps(dst + i, a);
+    }
+    if (i < count) {
+        const __mmask16 lanes = static_cast<__mmask16>((1u << (count - i)) - 1u);
+        __m512 a = _mm512_mul_ps(_mm512_set1_ps(weights[0]), _mm512_maskz_loadu_ps(lanes, terms[0] + i));
+        for (int t = 1; t < termCount; ++t)
+            a = _mm512_add_ps(a, _mm512_mul_ps(_mm512_set1_ps(weights[t]), _mm512_maskz_loadu_ps(lanes, terms[t] + i)));
+        _mm512_mask_storeu_ps(dst + i, lanes, a);
+    }
+}
+#endif
+
+template <class T>
+T* row_at(T* base, int step, std::int64_t y) noexcept {
+    using Byte = std::conditional_t<std::is_const_v<T>, const unsigned char, unsigned char>;
+    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + y * step);
+}
+
+bool valid_filter(const float* taps, int tapCount, int anchor) noexcept {
+    return taps != nullptr && tapCount == kWaveletTaps && anchor >= 0 && anchor < kWaveletTaps;
+}
+
+// Floor of v / 2 for negative v too.
+constexpr std::int64_t half_down(std::int64_t v) noexcept { return v >= 0 ? v / 2 : -((1 - v) / 2); }
+
+// The terms of one polyphase branch: the taps k whose sample offset
+// anchor + phase − k is even, with the half offset each one reads.
+struct Branch {
+    float weights[kWaveletTaps];
+    std::int64_t offsets[kWaveletTaps];
+    int count = 0;
+};
+
+Branch branch(const float* taps, int anchor, int phase) noexcept {
+    Branch b;
+    for (int k = 0; k < kWaveletTaps; ++k) {
+        const int offset = anchor + phase - k;
+        if ((offset & 1) != 0) continue;
+        b.weights[b.count] = taps[k];
+        b.offsets[b.count] = offset / 2;
+        ++b.count;
+    }
+    return b;
+}
+
+// Band rows (or columns) from `first` to `last` that the synthesis reads for
+// outputs 0 .. 2n − 1.
+struct Span {
+    std::int64_t first;
+    std::int64_t last;
+    std::int64_t length() const noexcept { return last - first + 1; }
+};
+
+Span synthesis_span(const WaveletFilterPair& r, std::int64_t n) noexcept {
+    const int lo = std::min(r.low_anchor, r.high_anchor);
+    const int hi = std::max(r.low_anchor, r.high_anchor);
+    return {half_down(lo - (kWaveletTaps - 1)), half_down(2 * n - 1 + hi)};
+}
+
+// Source rows (or columns) that the analysis reads for band samples 0 .. n − 1.
+Span analysis_span(const WaveletFilterPair& r, std::int64_t n) noexcept {
+    const int lo = std::min(r.low_anchor, r.high_anchor);
+    const int hi = std::max(r.low_anchor, r.high_anchor);
+    return {lo - (kWaveletTaps - 1), 2 * (n - 1) + hi};
+}
+
+PrimitiveStatus check_pair(const WaveletFilterPair* record, Size bandSize) noexcept {
+    if (record == nullptr) return kNullPointer;
+    if (bandSize.width <= 0 || bandSize.height <= 0) return kBadSize;
+    return kOk;
+}
+
+// Work sizes are float counts; the byte count must fit a signed 64-bit value.
+PrimitiveStatus work_bytes(std::int64_t floats, std::int64_t* bytes) noexcept {
+    if (bytes == nullptr) return kNullPointer;
+    if (floats <= 0 || floats > INT64_MAX / 4) return kBadSize;
+    *bytes = floats * 4;
+    return kOk;
+}
+
+}  // namespace
+
+void WeightedSumF32(const float* const* terms, const float* weights, int termCount, float* dst,
+                    std::int64_t count) noexcept {
+    if (termCount <= 0 || count <= 0) return;
+#if KRF_X86
+    const auto& cpu = platform::cpu_features();
+    if (cpu.avx512bw) return weighted_sum_avx512(terms, weights, termCount, dst, count);
+    if (cpu.avx2) return weighted_sum_avx2(terms, weights, termCount, dst, count);
+#endif
+    weighted_sum_portable(terms, weights, termCount, dst, count);
+}
+
+namespace testing {
+void weighted_sum_on_path(SumPath path, const float* const* terms, const float* weights, int termCount, float* dst,
+                          std::int64_t count) noexcept {
+    if (termCount <= 0 || count <= 0) return;
+#if KRF_X86
+    if (path == SumPath::avx512) return weighted_sum_avx512(terms, weights, termCount, dst, count);
+    if (path == SumPath::avx2) return weighted_sum_avx2(terms, weights, termCount, dst, count);
+#endif
+    weighted_sum_portable(terms, weights, termCount, dst, count);
+}
+}  // namespace testing
+
+PrimitiveStatus FilterColumnF32(const float* src, int srcStep, float* dst, int dstStep, Size size, const float* taps,
+                                int tapCount, int anchor) noexcept {
+    if (src == nullptr || dst == nullptr || taps == nullptr) return kNullPointer;
+    if (size.width <= 0 || size.height <= 0) return kBadSize;
+    if (!valid_filter(taps, tapCount, anchor)) return kBadArgument;
+    const float* terms[kWaveletTaps];
+    for (int y = 0; y < size.height; ++y) {
+        for (int k = 0; k < kWaveletTaps; ++k) terms[k] = row_at(src, srcStep, std::int64_t{y} + anchor - k);
+        WeightedSumF32(terms, taps, kWaveletTaps, row_at(dst, dstStep, y), size.width);
+    }
+    return kOk;
+}
+
+PrimitiveStatus FilterRowF32(const float* src, int srcStep, float* dst, int dstStep, Size size, const float* taps,
+                             int tapCount, int anchor) noexcept {
+    if (src == nullptr || dst == nullptr || taps == nullptr) return kNullPointer;
+    if (size.width <= 0 || size.height <= 0) return kBadSize;
+    if (!valid_filter(taps, tapCount, anchor)) return kBadArgument;
+    const float* terms[kWaveletTaps];
+    for (int y = 0; y < size.height; ++y) {
+        const float* row = row_at(src, srcStep, y);
+        for (int k = 0; k < kWaveletTaps; ++k) terms[k] = row + anchor - k;
+        WeightedSumF32(terms, taps, kWaveletTaps, row_at(dst, dstStep, y), size.width);
+    }
+    return kOk;
+}
+
+PrimitiveStatus PrepareWaveletF32(const float* low, int lowLength, int lowAnchor, const float* high, int highLength,
+                                  int highAnchor, WaveletFilterPair** record) noexcept {
+    if (low == nullptr || high == nullptr || record == nullptr) return kNullPointer;
+    if (!valid_filter(low, lowLength, lowAnchor) || !valid_filter(high, highLength, highAnchor)) return kBadArgument;
+    auto* pair = reinterpret_cast<WaveletFilterPair*>(AllocBytes(sizeof(WaveletFilterPair)));
+    if (pair == nullptr) return kNoMemory;
+    std::copy(low, low + kWaveletTaps, pair->low);
+    std::copy(high, high + kWaveletTaps, pair->high);
+    pair->low_anchor = lowAnchor;
+    pair->high_anchor = highAnchor;
+    *record = pair;
+    return kOk;
+}
+
+// ---- Analysis. The row pass splits each source row into its even and odd
+// samples, so that a decimated output reads contiguous runs of one of them;
+// the column pass then weights whole rows of the row pass's results.
+
+PrimitiveStatus WaveletAnalysisWorkSizeF32(const WaveletFilterPair* record, Size bandSize,
+                                           std::int64_t* bytes) noexcept {
+    if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
+    const std::int64_t rows = analysis_span(*record, bandSize.height).length();
+    const std::int64_t columns = analysis_span(*record, bandSize.width).length();
+    // Row-pass low and high results, then the even and odd halves of one row.
+    return work_bytes(2 * rows * bandSize.width + 2 * (columns / 2 + 1), bytes);
+}
+
+PrimitiveStatus WaveletAnalysisF32(const float* src, int srcStep, float* approx, int approxStep, float* detailX,
+                                   int detailXStep, float* detailY, int detailYStep, float* detailXY,
+                                   int detailXYStep, Size bandSize, const WaveletFilterPair* record,
+                                   unsigned char* work) noexcept {
+    if (src == nullptr || approx == nullptr || detailX == nullptr || detailY == nullptr || detailXY == nullptr ||
+        work == nullptr)
+        return kNullPointer;
+    if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
+    const WaveletFilterPair& r = *record;
+    const std::int64_t W = bandSize.width;
+    const std::int64_t H = bandSize.height;
+    const Span rows = analysis_span(r, H);
+    const Span columns = analysis_span(r, W);
+    float* row_low = reinterpret_cast<float*>(work);
+    float* row_high = row_low + rows.length() * W;
+    const std::int64_t half_length = columns.length() / 2 + 1;
+    float* evens = row_high + rows.length() * W;
+    float* odds = evens + half_length;
+    // evens[m] is source sample 2(m + even_base), odds[m] is 2(m + odd_base) + 1.
+    const std::int64_t even_base = half_down(columns.first + 1);
+    const std::int64_t odd_base = half_down(columns.first);
+
+    auto row_terms = [&](int anchor, const float** terms) {
+        for (int k = 0; k < kWaveletTaps; ++k) {
+            const std::int64_t offset = anchor - k;
+            terms[k] = (offset & 1) == 0 ? evens + (offset / 2 - even_base) : odds + (half_down(offset) - odd_base);
+        }
+    };
+    const float* low_terms[kWaveletTaps];
+    const float* high_terms[kWaveletTaps];
+    row_terms(r.low_anchor, low_terms);
+    row_terms(r.high_anchor, high_terms);
+    for (std::int64_t y = rows.first; y <= rows.last; ++y) {
+        const float* s = row_at(src, srcStep, y);
+        for (std::int64_t x = columns.first; x <= columns.last; ++x) {
+            if ((x & 1) == 0) evens[half_down(x) - even_base] = s[x];
+            else odds[half_down(x) - odd_base] = s[x];
+        }
+        const std::int64_t at = (y - rows.first) * W;
+        WeightedSumF32(low_terms, r.low, kWaveletTaps, row_low + at, W);
+        WeightedSumF32(high_terms, r.high, kWaveletTaps, row_high + at, W);
+    }
+
+    // Band row i of a column filter with anchor A weights the row-pass rows
+    // 2i + A − k.
+    auto column_pass = [&](const float* rowPass, const float* taps, int anchor, float* band, int bandStep) {
+        const float* terms[kWaveletTaps];
+        for (std::int64_t i = 0; i < H; ++i) {
+            for (int k = 0; k < kWaveletTaps; ++k) terms[k] = rowPass + (2 * i + anchor - k - rows.first) * W;
+            WeightedSumF32(terms, taps, kWaveletTaps, row_at(band, bandStep, i), W);
+        }
+    };
+    column_pass(row_low, r.low, r.low_anchor, approx, approxStep);
+    column_pass(row_low, r.high, r.high_anchor, detailX, detailXStep);
+    column_pass(row_high, r.low, r.low_anchor, detailY, detailYStep);
+    column_pass(row_high, r.high, r.high_anchor, detailXY, detailXYStep);
+    return kOk;
+}
+
+// ---- Synthesis. Output sample 2m + p of a filter with anchor A reads band
+// sample m + (A + p − k)/2 for the taps k of matching parity, so each output
+// phase is a weighted sum of eight shifted band rows (or columns) per filter.
+
+PrimitiveStatus WaveletSynthesisWorkSizeF32(const WaveletFilterPair* record, Size bandSize,
+                                            std::int64_t* bytes) noexcept {
+    if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
+    const std::int64_t columns = synthesis_span(*record, bandSize.width).length();
+    // Column-pass results of the row-low and row-high pairs, then one output
+    // row's even and odd samples.
+    return work_bytes(2 * (2 * std::int64_t{bandSize.height}) * columns + 2 * std::int64_t{bandSize.width}, bytes);
+}
+
+PrimitiveStatus WaveletSynthesisF32(const float* approx, int approxStep, const float* detailX, int detailXStep,
+                                    const float* detailY, int detailYStep, const float* detailXY, int detailXYStep,
+                                    float* dst, int dstStep, Size bandSize, const WaveletFilterPair* record,
+                                    unsigned char* work) noexcept {
+    if (approx == nullptr || detailX == nullptr || detailY == nullptr || detailXY == nullptr || dst == nullptr ||
+        work == nullptr)
+        return kNullPointer;
+    if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
+    const WaveletFilterPair& r = *record;
+    const std::int64_t W = bandSize.width;
+    const std::int64_t H = bandSize.height;
+    const Span columns = synthesis_span(r, W);
+    const std::int64_t C = columns.length();
+    float* column_low = reinterpret_cast<float*>(work);  // 2H rows of C band columns
+    float* column_high = column_low + 2 * H * C;
+    float* evens = column_high + 2 * H * C;
+    float* odds = evens + W;
+
+    const Branch low_branch[2] = {branch(r.low, r.low_anchor, 0), branch(r.low, r.low_anchor, 1)};
+    const Branch high_branch[2] = {branch(r.high, r.high_anchor, 0), branch(r.high, r.high_anchor, 1)};
+    const float* terms[2 * kWaveletTaps];
+    float weights[2 * kWaveletTaps];
+
+    // Columns: output row 2m + p of a pair (low-pass band, high-pass band).
+    auto column_pass = [&](const float* lowBand, int lowStep, const float* highBand, int highStep, float* out) {
+        for (std::int64_t y = 0; y < 2 * H; ++y) {
+            const int p = static_cast<int>(y & 1);
+            const std::int64_t m = y >> 1;
+            int n = 0;
+            for (int t = 0; t < low_branch[p].count; ++t, ++n) {
+                terms[n] = row_at(lowBand, lowStep, m + low_branch[p].offsets[t]) + columns.first;
+                weights[n] = low_branch[p].weights[t];
+            }
+            for (int t = 0; t < high_branch[p].count; ++t, ++n) {
+                terms[n] = row_at(highBand, highStep, m + high_branch[p].offsets[t]) + columns.first;
+                weights[n] = high_branch[p].weights[t];
+            }
+            WeightedSumF32(terms, weights, n, out + y * C, C);
+        }
+    };
+    column_pass(approx, approxStep, detailX, detailXStep, column_low);
+    column_pass(detailY, detailYStep, detailXY, detailXYStep, column_high);
+
+    // Rows: the even and odd output samples separately, then interleaved.
+    for (std::int64_t y = 0; y < 2 * H; ++y) {
+        const float* low_row = column_low + y * C - columns.first;
+        const float* high_row = column_high + y * C - columns.first;
+        for (int p = 0; p < 2; ++p) {
+            int n = 0;
+            for (int t = 0; t < low_branch[p].count; ++t, ++n) {
+                terms[n] = low_row + low_branch[p].offsets[t];
+                weights[n] = low_branch[p].weights[t];
+            }
+            for (int t = 0; t < high_branch[p].count; ++t, ++n) {
+                terms[n] = high_row + high_branch[p].offsets[t];
+                weights[n] = high_branch[p].weights[t];
+            }
+            WeightedSumF32(terms, weights, n, p == 0 ? evens : odds, W);
+        }
+        float* out = row_at(dst, dstStep, y);
+        for (std::int64_t m = 0; m < W; ++m) {
+            out[2 * m] = evens[m];
+            out[2 * m + 1] = odds[m];
+        }
+    }
+    return kOk;
+}
+
+// ---- The symlet of order 8.
+
+const double kSymlet8Low[kWaveletTaps] = {
+    -0.0033824159510061256, -0.00054213233179114812, 0.031695087811492981,  0.0076074873249176054,
+    -0.14329423835080971,   -0.061273359067658524,   0.48135965125837221,   0.77718575170052351,
+    0.3644418948353314,     -0.051945838107709037,   -0.027219029917056003, 0.049137179673607506,
+    0.0038087520138906151,  -0.014952258337048231,   -0.0003029205147213668, 0.0018899503327594609};
+
+void Symlet8AnalysisTaps(float low[kWaveletTaps], float high[kWaveletTaps]) noexcept {
+    for (int k = 0; k < kWaveletTaps; ++k) {
+        low[k] = static_cast<float>(kSymlet8Low[k]);
+        const double h = kSymlet8Low[kWaveletTaps - 1 - k];
+        high[k] = static_cast<float>((k % 2 == 0) ? -h : h);  // (−1)^(k+1)
+    }
+}
+
+void Symlet8SynthesisTaps(float low[kWaveletTaps], float high[kWaveletTaps]) noexcept {
+    float analysis_low[kWaveletTaps];
+    float analysis_high[kWaveletTaps];
+    Symlet8AnalysisTaps(analysis_low, analysis_high);
+    for (int k = 0; k < kWaveletTaps; ++k) {
+        low[k] = analysis_low[kWaveletTaps - 1 - k];
+        high[k] = analysis_high[kWaveletTaps - 1 - k];
+    }
+}
+
+// ---- WaveletLevel.
+
+void WaveletLevel::release() noexcept {
+    FreeBuffer(approx);
+    FreeBuffer(detail_x);
+    FreeBuffer(detail_y);
+    FreeBuffer(detail_xy);
+    approx = detail_x = detail_y = detail_xy = nullptr;
+    width = height = 0;
+}
+
+bool WaveletLevel::allocate(int bandWidth, int bandHeight) noexcept {
+    release();
+    const std::int64_t count = std::int64_t{bandWidth} * bandHeight;
+    approx = AllocF32(count);
+    detail_x = AllocF32(count);
+    detail_y = AllocF32(count);
+    detail_xy = AllocF32(count);
+    if (approx == nullptr || detail_x == nullptr || detail_y == nullptr || detail_xy == nullptr) {
+        release();
+        return false;
+    }
+    width = bandWidth;
+    height = bandHeight;
+    return true;
+}
+
+}  // namespace krf::prim
