@@ -312,8 +312,8 @@ PrimitiveStatus synthesise_undecimated(float* result, const PackedDetails& detai
     const SubGrid g{geo.padded_width, geo.padded_width / dilation, geo.padded_height / dilation, dilation};
     const int band_width = g.width / 2;
     const int band_height = g.height / 2;
-    const int padded_width = band_width + 7;  // 4 samples before, 3 after
-    const std::int64_t padded_count = std::int64_t{padded_width} * (band_height + 7);
+    const int padded_width = band_width + 8;  // 4 samples on each side
+    const std::int64_t padded_count = std::int64_t{padded_width} * (band_height + 8);
     FloatBlock padded[4];
     for (FloatBlock& band : padded) {
         band.reset(prim::AllocF32(padded_count));
@@ -332,7 +332,7 @@ PrimitiveStatus synthesise_undecimated(float* result, const PackedDetails& detai
             const std::int64_t at = o * g.count();
             const float* packed[3] = {details.x.get() + at, details.y.get() + at, details.xy.get() + at};
             for (int phase = 0; phase < 2; ++phase) {
-                for (int jj = 0; jj < band_height + 7; ++jj) {
+                for (int jj = 0; jj < band_height + 8; ++jj) {
                     const int r = 2 * static_cast<int>(wrap(jj - 4, band_height)) + phase;
                     for (int ii = 0; ii < padded_width; ++ii) {
                         const int c = 2 * static_cast<int>(wrap(ii - 4, band_width)) + phase;

@@ -64,7 +64,7 @@ PrimitiveStatus WaveletAnalysisF32(const float* src, int srcStep, float* approx,
 // Synthesis of four W × H bands into a 2W × 2H destination: the bands are
 // up-sampled with band sample j at position 2j (zeros between), the columns
 // are filtered, then the rows. With anchor 8 the bands need 3 samples before
-// and 4 after in both directions; with anchor 7, 4 before and 3 after.
+// and 4 after in both directions; with anchor 7, 4 on each side.
 // detailX is low-pass along the rows and high-pass along the columns,
 // detailY the reverse, as the analysis produces them.
 PrimitiveStatus WaveletSynthesisWorkSizeF32(const WaveletFilterPair* record, Size bandSize,

@@ -126,8 +126,8 @@ std::vector<float> synthesise(const Bands& b, int anchor) {
     EXPECT_EQ(WaveletSynthesisWorkSizeF32(record, {b.w, b.h}, &bytes), kOk);
     std::vector<unsigned char> work(bytes);
     const int before = anchor == 8 ? 3 : 4;
-    const Periodic a(b.approx, b.w, b.h, before, 7 - before), x(b.x, b.w, b.h, before, 7 - before),
-        y(b.y, b.w, b.h, before, 7 - before), xy(b.xy, b.w, b.h, before, 7 - before);
+    const Periodic a(b.approx, b.w, b.h, before, 4), x(b.x, b.w, b.h, before, 4), y(b.y, b.w, b.h, before, 4),
+        xy(b.xy, b.w, b.h, before, 4);
     std::vector<float> out(4 * b.w * b.h);
     const int step = a.stride * 4;
     EXPECT_EQ(WaveletSynthesisF32(a.origin(), step, x.origin(), step, y.origin(), step, xy.origin(), step, out.data(),
