@@ -306,7 +306,10 @@ PrimitiveStatus analyse_undecimated(const float* previous, float* next, PackedDe
 
 // Rewrites the equal-offset sub-grids of `result` (the running approximation)
 // from it and the level's details: the average of the even-phase and the
-// odd-phase reconstructions.
+// odd-phase reconstructions. Each phase reads the result only at positions
+// whose offsets agree modulo 2d, which the coarser level has just rewritten;
+// the positions it left alone are read by no finer level, and the finest
+// level rewrites every sample.
 PrimitiveStatus synthesise_undecimated(float* result, const PackedDetails& details, const Geometry& geo,
                                        int dilation) noexcept {
     const SubGrid g{geo.padded_width, geo.padded_width / dilation, geo.padded_height / dilation, dilation};
