@@ -61,19 +61,22 @@ std::int64_t wrap(std::int64_t coordinate, std::int64_t extent) noexcept {
 }
 
 // The input as floats on the 0 ... 255 scale of its range: 65535 when the
-// largest sample is at least 4096, else 4095 (12-bit data).
-FloatBlock scaled_input(const Rows src, const Geometry& g, float* range) noexcept {
-    FloatBlock image(prim::AllocF32(std::int64_t{g.width} * g.height));
-    if (!image) return image;
-    const Size row{g.width, 1};
-    for (int y = 0; y < g.height; ++y)
-        prim::ConvertU16ToF32(src[y], g.width * 2, image.get() + std::int64_t{y} * g.width, g.width * 4, row);
+// largest sample is at least 4096, else 4095 (12-bit data). kBadSize for
+// images padded_geometry refuses.
+PrimitiveStatus scaled_input(const Rows src, int height, int width, Geometry* g, float* range,
+                             FloatBlock* image) noexcept {
+    if (!padded_geometry(height, width, g)) return kBadSize;
+    image->reset(prim::AllocF32(std::int64_t{width} * height));
+    if (!*image) return kNoMemory;
+    float* samples = image->get();
+    for (int y = 0; y < height; ++y)
+        prim::ConvertU16ToF32(src[y], width * 2, samples + std::int64_t{y} * width, width * 4, {width, 1});
     float maximum = 0.0f;
-    prim::MaxF32(image.get(), g.width * 4, {g.width, g.height}, &maximum);
+    prim::MaxF32(samples, width * 4, {width, height}, &maximum);
     *range = maximum >= 4096.0f ? 65535.0f : 4095.0f;
     const float scale = 255.0f / *range;
-    prim::MulConstF32InPlace(scale, image.get(), g.width * 4, {g.width, g.height});
-    return image;
+    prim::MulConstF32InPlace(scale, samples, width * 4, {width, height});
+    return kOk;
 }
 
 // The image periodically continued to its padded extent, placed at (left, top).
@@ -370,10 +373,9 @@ PrimitiveStatus synthesise_undecimated(float* result, const PackedDetails& detai
 PrimitiveStatus advanced_smoothing(Rows src, Rows dst, int height, int width, float threshLv1, float threshLv2,
                                    float threshLv3, float threshLv4) noexcept {
     Geometry g;
-    if (!padded_geometry(height, width, &g)) return kBadSize;
     float range = 0.0f;
-    FloatBlock image = scaled_input(src, g, &range);
-    if (!image) return kNoMemory;
+    FloatBlock image;
+    if (const PrimitiveStatus s = scaled_input(src, height, width, &g, &range, &image); s != kOk) return s;
     // The image sits in the bottom-right corner; the output is read back from there.
     FloatBlock padded;
     if (const PrimitiveStatus s =
@@ -423,10 +425,9 @@ PrimitiveStatus advanced_smoothing(Rows src, Rows dst, int height, int width, fl
 PrimitiveStatus advanced_smoothing_2(Rows src, Rows dst, int height, int width, float threshLv1, float threshLv2,
                                      float threshLv3, float threshLv4) noexcept {
     Geometry g;
-    if (!padded_geometry(height, width, &g)) return kBadSize;
     float range = 0.0f;
-    FloatBlock image = scaled_input(src, g, &range);
-    if (!image) return kNoMemory;
+    FloatBlock image;
+    if (const PrimitiveStatus s = scaled_input(src, height, width, &g, &range, &image); s != kOk) return s;
     const int top = (g.padded_height - height) / 2;
     const int left = (g.padded_width - width) / 2;
     FloatBlock approx;

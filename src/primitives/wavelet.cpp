@@ -8,71 +8,57 @@
 #include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <cstring>
 #include <type_traits>
 
 #include "platform/platform.h"
 #include "platform/vector_targets.h"
 
-#if KRF_X86
-#include <immintrin.h>
-#endif
+// Vectors never cross a call boundary: every lane helper is inlined into a
+// function compiled for its width.
+#pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace krf::prim {
 
 namespace {
 
-// ---- The weighted row sum on each code path. All three start from the
-// first product and add the others in ascending term order, without fused
-// multiply-adds, so they agree sample for sample.
+// ---- The weighted row sum, written once over a vector of floats and
+// instantiated for 16-byte vectors (any x86-64), 32-byte vectors inside an
+// AVX2 function and 64-byte vectors inside an AVX-512 function. Every width
+// starts from the first product and adds the others in ascending term order,
+// without fused multiply-adds, so all of them give the same samples.
 
-void weighted_sum_portable(const float* const* terms, const float* weights, int termCount, float* dst,
-                           std::int64_t count) noexcept {
-    // Blocks of accumulators that the compiler keeps in vector registers.
-    constexpr int kBlock = 64;
-    float acc[kBlock];
-    for (std::int64_t start = 0; start < count; start += kBlock) {
-        const int n = static_cast<int>(std::min<std::int64_t>(kBlock, count - start));
-        const float w0 = weights[0];
-        const float* t0 = terms[0] + start;
-        for (int i = 0; i < n; ++i) acc[i] = w0 * t0[i];
-        for (int t = 1; t < termCount; ++t) {
-            const float w = weights[t];
-            const float* s = terms[t] + start;
-            for (int i = 0; i < n; ++i) acc[i] = acc[i] + w * s[i];
-        }
-        for (int i = 0; i < n; ++i) dst[start + i] = acc[i];
-    }
+template <int Bytes>
+struct Lanes {
+    typedef float type __attribute__((vector_size(Bytes)));
+    static constexpr int count = Bytes / static_cast<int>(sizeof(float));
+};
+
+template <class V>
+KRF_ALWAYS_INLINE V load(const float* p) {
+    V v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
 }
 
-#if KRF_X86
-KRF_TARGET_AVX2 void weighted_sum_avx2(const float* const* terms, const float* weights, int termCount, float* dst,
-                                       std::int64_t count) noexcept {
+template <int Bytes>
+KRF_ALWAYS_INLINE void weighted_sum_lanes(const float* const* terms, const float* weights, int termCount, float* dst,
+                                          std::int64_t count) {
+    using V = typename Lanes<Bytes>::type;
+    constexpr int n = Lanes<Bytes>::count;
     std::int64_t i = 0;
     // Four independent vectors per pass hide the latency of the add chain.
-    for (; i + 32 <= count; i += 32) {
-        __m256 w = _mm256_set1_ps(weights[0]);
-        __m256 a0 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i));
-        __m256 a1 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i + 8));
-        __m256 a2 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i + 16));
-        __m256 a3 = _mm256_mul_ps(w, _mm256_loadu_ps(terms[0] + i + 24));
-        for (int t = 1; t < termCount; ++t) {
-            w = _mm256_set1_ps(weights[t]);
-            const float* s = terms[t] + i;
-            a0 = _mm256_add_ps(a0, _mm256_mul_ps(w, _mm256_loadu_ps(s)));
-            a1 = _mm256_add_ps(a1, _mm256_mul_ps(w, _mm256_loadu_ps(s + 8)));
-            a2 = _mm256_add_ps(a2, _mm256_mul_ps(w, _mm256_loadu_ps(s + 16)));
-            a3 = _mm256_add_ps(a3, _mm256_mul_ps(w, _mm256_loadu_ps(s + 24)));
-        }
-        _mm256_storeu_ps(dst + i, a0);
-        _mm256_storeu_ps(dst + i + 8, a1);
-        _mm256_storeu_ps(dst + i + 16, a2);
-        _mm256_storeu_ps(dst + i + 24, a3);
-    }
-    for (; i + 8 <= count; i += 8) {
-        __m256 a = _mm256_mul_ps(_mm256_set1_ps(weights[0]), _mm256_loadu_ps(terms[0] + i));
+    for (; i + 4 * n <= count; i += 4 * n) {
+        V a[4];
+        for (int j = 0; j < 4; ++j) a[j] = weights[0] * load<V>(terms[0] + i + j * n);
         for (int t = 1; t < termCount; ++t)
-            a = _mm256_add_ps(a, _mm256_mul_ps(_mm256_set1_ps(weights[t]), _mm256_loadu_ps(terms[t] + i)));
-        _mm256_storeu_ps(dst + i, a);
+            for (int j = 0; j < 4; ++j) a[j] = a[j] + weights[t] * load<V>(terms[t] + i + j * n);
+        std::memcpy(dst + i, a, sizeof a);
+    }
+    for (; i + n <= count; i += n) {
+        V a = weights[0] * load<V>(terms[0] + i);
+        for (int t = 1; t < termCount; ++t) a = a + weights[t] * load<V>(terms[t] + i);
+        std::memcpy(dst + i, &a, sizeof a);
     }
     for (; i < count; ++i) {
         float a = weights[0] * terms[0][i];
@@ -81,41 +67,20 @@ KRF_TARGET_AVX2 void weighted_sum_avx2(const float* const* terms, const float* w
     }
 }
 
+void weighted_sum_portable(const float* const* terms, const float* weights, int termCount, float* dst,
+                           std::int64_t count) noexcept {
+    weighted_sum_lanes<16>(terms, weights, termCount, dst, count);
+}
+
+#if KRF_X86
+KRF_TARGET_AVX2 void weighted_sum_avx2(const float* const* terms, const float* weights, int termCount, float* dst,
+                                       std::int64_t count) noexcept {
+    weighted_sum_lanes<32>(terms, weights, termCount, dst, count);
+}
+
 __attribute__((target("avx512f"))) void weighted_sum_avx512(const float* const* terms, const float* weights,
                                                             int termCount, float* dst, std::int64_t count) noexcept {
-    std::int64_t i = 0;
-    for (; i + 64 <= count; i += 64) {
-        __m512 w = _mm512_set1_ps(weights[0]);
-        __m512 a0 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i));
-        __m512 a1 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i + 16));
-        __m512 a2 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i + 32));
-        __m512 a3 = _mm512_mul_ps(w, _mm512_loadu_ps(terms[0] + i + 48));
-        for (int t = 1; t < termCount; ++t) {
-            w = _mm512_set1_ps(weights[t]);
-            const float* s = terms[t] + i;
-            a0 = _mm512_add_ps(a0, _mm512_mul_ps(w, _mm512_loadu_ps(s)));
-            a1 = _mm512_add_ps(a1, _mm512_mul_ps(w, _mm512_loadu_ps(s + 16)));
-            a2 = _mm512_add_ps(a2, _mm512_mul_ps(w, _mm512_loadu_ps(s + 32)));
-            a3 = _mm512_add_ps(a3, _mm512_mul_ps(w, _mm512_loadu_ps(s + 48)));
-        }
-        _mm512_storeu_ps(dst + i, a0);
-        _mm512_storeu_ps(dst + i + 16, a1);
-        _mm512_storeu_ps(dst + i + 32, a2);
-        _mm512_storeu_ps(dst + i + 48, a3);
-    }
-    for (; i + 16 <= count; i += 16) {
-        __m512 a = _mm512_mul_ps(_mm512_set1_ps(weights[0]), _mm512_loadu_ps(terms[0] + i));
-        for (int t = 1; t < termCount; ++t)
-            a = _mm512_add_ps(a, _mm512_mul_ps(_mm512_set1_ps(weights[t]), _mm512_loadu_ps(terms[t] + i)));
-        _mm512_storeu_ps(dst + i, a);
-    }
-    if (i < count) {
-        const __mmask16 lanes = static_cast<__mmask16>((1u << (count - i)) - 1u);
-        __m512 a = _mm512_mul_ps(_mm512_set1_ps(weights[0]), _mm512_maskz_loadu_ps(lanes, terms[0] + i));
-        for (int t = 1; t < termCount; ++t)
-            a = _mm512_add_ps(a, _mm512_mul_ps(_mm512_set1_ps(weights[t]), _mm512_maskz_loadu_ps(lanes, terms[t] + i)));
-        _mm512_mask_storeu_ps(dst + i, lanes, a);
-    }
+    weighted_sum_lanes<64>(terms, weights, termCount, dst, count);
 }
 #endif
 
@@ -171,6 +136,11 @@ Span analysis_span(const WaveletFilterPair& r, std::int64_t n) noexcept {
     const int lo = std::min(r.low_anchor, r.high_anchor);
     const int hi = std::max(r.low_anchor, r.high_anchor);
     return {lo - (kWaveletTaps - 1), 2 * (n - 1) + hi};
+}
+
+template <class... Pointers>
+bool any_null(Pointers... pointers) noexcept {
+    return ((pointers == nullptr) || ...);
 }
 
 PrimitiveStatus check_pair(const WaveletFilterPair* record, Size bandSize) noexcept {
@@ -270,9 +240,7 @@ PrimitiveStatus WaveletAnalysisF32(const float* src, int srcStep, float* approx,
                                    int detailXStep, float* detailY, int detailYStep, float* detailXY,
                                    int detailXYStep, Size bandSize, const WaveletFilterPair* record,
                                    unsigned char* work) noexcept {
-    if (src == nullptr || approx == nullptr || detailX == nullptr || detailY == nullptr || detailXY == nullptr ||
-        work == nullptr)
-        return kNullPointer;
+    if (any_null(src, approx, detailX, detailY, detailXY, work)) return kNullPointer;
     if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
     const WaveletFilterPair& r = *record;
     const std::int64_t W = bandSize.width;
@@ -342,9 +310,7 @@ PrimitiveStatus WaveletSynthesisF32(const float* approx, int approxStep, const f
                                     const float* detailY, int detailYStep, const float* detailXY, int detailXYStep,
                                     float* dst, int dstStep, Size bandSize, const WaveletFilterPair* record,
                                     unsigned char* work) noexcept {
-    if (approx == nullptr || detailX == nullptr || detailY == nullptr || detailXY == nullptr || dst == nullptr ||
-        work == nullptr)
-        return kNullPointer;
+    if (any_null(approx, detailX, detailY, detailXY, dst, work)) return kNullPointer;
     if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
     const WaveletFilterPair& r = *record;
     const std::int64_t W = bandSize.width;
