@@ -128,7 +128,8 @@ struct Span {
 Span synthesis_span(const WaveletFilterPair& r, std::int64_t n) noexcept {
     const int lo = std::min(r.low_anchor, r.high_anchor);
     const int hi = std::max(r.low_anchor, r.high_anchor);
-    return {half_down(lo - (kWaveletTaps - 1)), half_down(2 * n - 1 + hi)};
+    // Only band samples that land on even up-sampled positions are read.
+    return {half_down(lo - (kWaveletTaps - 1) + 1), half_down(2 * n - 1 + hi)};
 }
 
 // Source rows (or columns) that the analysis reads for band samples 0 .. n − 1.
