@@ -228,12 +228,22 @@ PrimitiveStatus PrepareWaveletF32(const float* low, int lowLength, int lowAnchor
 // samples, so that a decimated output reads contiguous runs of one of them;
 // the column pass then weights whole rows of the row pass's results.
 
+// Band rows per strip: the row pass keeps only the source rows that one strip
+// of band rows reads (2 · strip + 14 for equal anchors), so its results are
+// still in cache when the column pass weights them. A strip recomputes the 14
+// rows it shares with the one before; the samples are the same either way.
+constexpr std::int64_t kAnalysisStrip = 32;
+
+std::int64_t analysis_strip_rows(const WaveletFilterPair& r, std::int64_t bandHeight) noexcept {
+    return analysis_span(r, std::min(bandHeight, kAnalysisStrip)).length();
+}
+
 PrimitiveStatus WaveletAnalysisWorkSizeF32(const WaveletFilterPair* record, Size bandSize,
                                            std::int64_t* bytes) noexcept {
     if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
-    const std::int64_t rows = analysis_span(*record, bandSize.height).length();
+    const std::int64_t rows = analysis_strip_rows(*record, bandSize.height);
     const std::int64_t columns = analysis_span(*record, bandSize.width).length();
-    // Row-pass low and high results, then the even and odd halves of one row.
+    // Row-pass low and high results of one strip, then the even and odd halves of one row.
     return work_bytes(2 * rows * bandSize.width + 2 * (columns / 2 + 1), bytes);
 }
 
@@ -246,12 +256,12 @@ PrimitiveStatus WaveletAnalysisF32(const float* src, int srcStep, float* approx,
     const WaveletFilterPair& r = *record;
     const std::int64_t W = bandSize.width;
     const std::int64_t H = bandSize.height;
-    const Span rows = analysis_span(r, H);
+    const std::int64_t strip_rows = analysis_strip_rows(r, H);
     const Span columns = analysis_span(r, W);
     float* row_low = reinterpret_cast<float*>(work);
-    float* row_high = row_low + rows.length() * W;
+    float* row_high = row_low + strip_rows * W;
     const std::int64_t half_length = columns.length() / 2 + 1;
-    float* evens = row_high + rows.length() * W;
+    float* evens = row_high + strip_rows * W;
     float* odds = evens + half_length;
     // evens[m] is source sample 2(m + even_base), odds[m] is 2(m + odd_base) + 1.
     const std::int64_t even_base = half_down(columns.first + 1);
@@ -267,30 +277,37 @@ PrimitiveStatus WaveletAnalysisF32(const float* src, int srcStep, float* approx,
     const float* high_terms[kWaveletTaps];
     row_terms(r.low_anchor, low_terms);
     row_terms(r.high_anchor, high_terms);
-    for (std::int64_t y = rows.first; y <= rows.last; ++y) {
-        const float* s = row_at(src, srcStep, y);
-        for (std::int64_t x = columns.first; x <= columns.last; ++x) {
-            if ((x & 1) == 0) evens[half_down(x) - even_base] = s[x];
-            else odds[half_down(x) - odd_base] = s[x];
-        }
-        const std::int64_t at = (y - rows.first) * W;
-        WeightedSumF32(low_terms, r.low, kWaveletTaps, row_low + at, W);
-        WeightedSumF32(high_terms, r.high, kWaveletTaps, row_high + at, W);
-    }
 
-    // Band row i of a column filter with anchor A weights the row-pass rows
-    // 2i + A − k.
-    auto column_pass = [&](const float* rowPass, const float* taps, int anchor, float* band, int bandStep) {
-        const float* terms[kWaveletTaps];
-        for (std::int64_t i = 0; i < H; ++i) {
-            for (int k = 0; k < kWaveletTaps; ++k) terms[k] = rowPass + (2 * i + anchor - k - rows.first) * W;
-            WeightedSumF32(terms, taps, kWaveletTaps, row_at(band, bandStep, i), W);
+    for (std::int64_t first = 0; first < H; first += kAnalysisStrip) {
+        const std::int64_t last = std::min(H, first + kAnalysisStrip) - 1;
+        // Source rows of this strip: those of band rows 0 .. last − first, moved down by 2 · first.
+        const Span rows = analysis_span(r, last - first + 1);
+        const std::int64_t top = rows.first + 2 * first;
+        for (std::int64_t y = top; y <= rows.last + 2 * first; ++y) {
+            const float* s = row_at(src, srcStep, y);
+            for (std::int64_t x = columns.first; x <= columns.last; ++x) {
+                if ((x & 1) == 0) evens[half_down(x) - even_base] = s[x];
+                else odds[half_down(x) - odd_base] = s[x];
+            }
+            const std::int64_t at = (y - top) * W;
+            WeightedSumF32(low_terms, r.low, kWaveletTaps, row_low + at, W);
+            WeightedSumF32(high_terms, r.high, kWaveletTaps, row_high + at, W);
         }
-    };
-    column_pass(row_low, r.low, r.low_anchor, approx, approxStep);
-    column_pass(row_low, r.high, r.high_anchor, detailX, detailXStep);
-    column_pass(row_high, r.low, r.low_anchor, detailY, detailYStep);
-    column_pass(row_high, r.high, r.high_anchor, detailXY, detailXYStep);
+
+        // Band row i of a column filter with anchor A weights the row-pass rows
+        // 2i + A − k.
+        auto column_pass = [&](const float* rowPass, const float* taps, int anchor, float* band, int bandStep) {
+            const float* terms[kWaveletTaps];
+            for (std::int64_t i = first; i <= last; ++i) {
+                for (int k = 0; k < kWaveletTaps; ++k) terms[k] = rowPass + (2 * i + anchor - k - top) * W;
+                WeightedSumF32(terms, taps, kWaveletTaps, row_at(band, bandStep, i), W);
+            }
+        };
+        column_pass(row_low, r.low, r.low_anchor, approx, approxStep);
+        column_pass(row_low, r.high, r.high_anchor, detailX, detailXStep);
+        column_pass(row_high, r.low, r.low_anchor, detailY, detailYStep);
+        column_pass(row_high, r.high, r.high_anchor, detailXY, detailXYStep);
+    }
     return kOk;
 }
 
@@ -302,9 +319,9 @@ PrimitiveStatus WaveletSynthesisWorkSizeF32(const WaveletFilterPair* record, Siz
                                             std::int64_t* bytes) noexcept {
     if (const PrimitiveStatus s = check_pair(record, bandSize); s != kOk) return s;
     const std::int64_t columns = synthesis_span(*record, bandSize.width).length();
-    // Column-pass results of the row-low and row-high pairs, then one output
-    // row's even and odd samples.
-    return work_bytes(2 * (2 * std::int64_t{bandSize.height}) * columns + 2 * std::int64_t{bandSize.width}, bytes);
+    // One output row's column-pass results for the row-low and row-high
+    // pairs, then its even and odd samples.
+    return work_bytes(2 * columns + 2 * std::int64_t{bandSize.width}, bytes);
 }
 
 PrimitiveStatus WaveletSynthesisF32(const float* approx, int approxStep, const float* detailX, int detailXStep,
@@ -318,9 +335,9 @@ PrimitiveStatus WaveletSynthesisF32(const float* approx, int approxStep, const f
     const std::int64_t H = bandSize.height;
     const Span columns = synthesis_span(r, W);
     const std::int64_t C = columns.length();
-    float* column_low = reinterpret_cast<float*>(work);  // 2H rows of C band columns
-    float* column_high = column_low + 2 * H * C;
-    float* evens = column_high + 2 * H * C;
+    float* column_low = reinterpret_cast<float*>(work);  // C band columns
+    float* column_high = column_low + C;
+    float* evens = column_high + C;
     float* odds = evens + W;
 
     const Branch low_branch[2] = {branch(r.low, r.low_anchor, 0), branch(r.low, r.low_anchor, 1)};
@@ -328,46 +345,46 @@ PrimitiveStatus WaveletSynthesisF32(const float* approx, int approxStep, const f
     const float* terms[2 * kWaveletTaps];
     float weights[2 * kWaveletTaps];
 
-    // Columns: output row 2m + p of a pair (low-pass band, high-pass band).
-    auto column_pass = [&](const float* lowBand, int lowStep, const float* highBand, int highStep, float* out) {
-        for (std::int64_t y = 0; y < 2 * H; ++y) {
-            const int p = static_cast<int>(y & 1);
-            const std::int64_t m = y >> 1;
-            int n = 0;
-            for (int t = 0; t < low_branch[p].count; ++t, ++n) {
-                terms[n] = row_at(lowBand, lowStep, m + low_branch[p].offsets[t]) + columns.first;
-                weights[n] = low_branch[p].weights[t];
-            }
-            for (int t = 0; t < high_branch[p].count; ++t, ++n) {
-                terms[n] = row_at(highBand, highStep, m + high_branch[p].offsets[t]) + columns.first;
-                weights[n] = high_branch[p].weights[t];
-            }
-            WeightedSumF32(terms, weights, n, out + y * C, C);
+    // The terms of output phase p: the low-pass branch over `low`, then the
+    // high-pass branch over `high`, each shifted by its band offsets.
+    auto gather = [&](int p, auto low, auto high) {
+        int n = 0;
+        for (int t = 0; t < low_branch[p].count; ++t, ++n) {
+            terms[n] = low(low_branch[p].offsets[t]);
+            weights[n] = low_branch[p].weights[t];
         }
+        for (int t = 0; t < high_branch[p].count; ++t, ++n) {
+            terms[n] = high(high_branch[p].offsets[t]);
+            weights[n] = high_branch[p].weights[t];
+        }
+        return n;
     };
-    column_pass(approx, approxStep, detailX, detailXStep, column_low);
-    column_pass(detailY, detailYStep, detailXY, detailXYStep, column_high);
 
-    // Rows: the even and odd output samples separately, then interleaved.
+    // Each output row 2m + p: columns first (band rows m + offset of a pair),
+    // then the row's even and odd samples, interleaved into the destination.
     for (std::int64_t y = 0; y < 2 * H; ++y) {
-        const float* low_row = column_low + y * C - columns.first;
-        const float* high_row = column_high + y * C - columns.first;
-        for (int p = 0; p < 2; ++p) {
-            int n = 0;
-            for (int t = 0; t < low_branch[p].count; ++t, ++n) {
-                terms[n] = low_row + low_branch[p].offsets[t];
-                weights[n] = low_branch[p].weights[t];
-            }
-            for (int t = 0; t < high_branch[p].count; ++t, ++n) {
-                terms[n] = high_row + high_branch[p].offsets[t];
-                weights[n] = high_branch[p].weights[t];
-            }
-            WeightedSumF32(terms, weights, n, p == 0 ? evens : odds, W);
+        const int p = static_cast<int>(y & 1);
+        const std::int64_t m = y >> 1;
+        auto column_pair = [&](const float* lowBand, int lowStep, const float* highBand, int highStep, float* out) {
+            const int n = gather(
+                p, [&](std::int64_t o) { return row_at(lowBand, lowStep, m + o) + columns.first; },
+                [&](std::int64_t o) { return row_at(highBand, highStep, m + o) + columns.first; });
+            WeightedSumF32(terms, weights, n, out, C);
+        };
+        column_pair(approx, approxStep, detailX, detailXStep, column_low);
+        column_pair(detailY, detailYStep, detailXY, detailXYStep, column_high);
+
+        const float* low_row = column_low - columns.first;
+        const float* high_row = column_high - columns.first;
+        for (int q = 0; q < 2; ++q) {
+            const int n = gather(
+                q, [&](std::int64_t o) { return low_row + o; }, [&](std::int64_t o) { return high_row + o; });
+            WeightedSumF32(terms, weights, n, q == 0 ? evens : odds, W);
         }
         float* out = row_at(dst, dstStep, y);
-        for (std::int64_t m = 0; m < W; ++m) {
-            out[2 * m] = evens[m];
-            out[2 * m + 1] = odds[m];
+        for (std::int64_t i = 0; i < W; ++i) {
+            out[2 * i] = evens[i];
+            out[2 * i + 1] = odds[i];
         }
     }
     return kOk;
