@@ -96,9 +96,10 @@ void level_thresholds(const float thresh[kLevels], float out[kLevels]) noexcept 
 }
 
 // Soft thresholding: the magnitude shrinks by the threshold, down to zero.
-// The decimated filter gives a zero from a coefficient not above zero a
-// negative sign; the undecimated one keeps every zero that a non-negative
-// coefficient produces positive.
+// The decimated filter gives the result of a coefficient not above zero a
+// negative sign; the undecimated one negates only results of negative
+// coefficients, so a zero coefficient stays +0 (and, under a negative
+// threshold, grows to +|threshold|).
 enum class ZeroSign { negative_for_non_positive, positive };
 
 void soft_threshold(float* band, std::int64_t count, float threshold, ZeroSign zero) noexcept {
@@ -205,7 +206,9 @@ PrimitiveStatus synthesise_level(const prim::WaveletLevel& level, float* dst) no
 // whose row and column offsets are equal, so only those are computed and kept,
 // packed one sub-grid after another (1/d of a full band). The approximations
 // are kept in full, since the coarser levels read all of them, but only the
-// latest two at a time. Details are thresholded as they are produced.
+// latest two at a time. Details are thresholded as they are produced. All
+// scratch, bands included, comes from the library's one zero-filling
+// allocator, so that its size checks and failure paths cover this filter too.
 
 int level_count(float threshLv2, float threshLv3, float threshLv4) noexcept {
     if (threshLv4 != 1.0f) return 4;
