@@ -14,7 +14,7 @@ namespace krf::platform {
 namespace {
 constexpr std::uint64_t kReservedBytes = 268435456;   // 256 MiB
 // 682 MiB per concurrent run. One "advancedsmoothing2" run on a 3000 x 2500
-// image peaks at about 280 MiB resident (a whole process, with the host's two
+// image peaks at 270 to 280 MiB resident (a whole process, with the host's two
 // 15 MB rasters; measured by the benchmark with the process's peak resident
 // size), since its detail bands are kept only where the synthesis reads them:
 // a slot leaves room for images up to about twice that area.
