@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ pkg-config python3
+  cmake make g++ pkg-config python3 python3-numpy python3-pywt
   libgtest-dev libgmock-dev libbenchmark-dev libopencv-dev libpng-dev libtiff-dev
   # The tool's DICOM files and command line.
   libgdcm-dev libcli11-dev

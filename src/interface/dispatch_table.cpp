@@ -68,6 +68,21 @@ const DispatchEntry dispatch_table[] = {
     {"mean2D", true, [](const FilterCall& c, void** p) {
          return box_mean(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0));
      }},
+    // The wavelet filters report no failure to the host: a run that cannot
+    // finish leaves the output untouched and still answers 0.
+    {"advancedsmoothing", true, [](const FilterCall& c, void** p) {
+         advanced_smoothing(c.src, c.dst, c.height, c.width, float_param(p, 0), float_param(p, 1), float_param(p, 2),
+                            float_param(p, 3));
+         return 0;
+     }},
+    // Runs of the undecimated variant need hundreds of megabytes each; the
+    // named slot bounds how many run at once across all processes.
+    {"advancedsmoothing2", true, [](const FilterCall& c, void** p) {
+         const platform::NamedSlot slot("advancedsmoothing2");
+         advanced_smoothing_2(c.src, c.dst, c.height, c.width, float_param(p, 0), float_param(p, 1),
+                              float_param(p, 2), float_param(p, 3));
+         return 0;
+     }},
     {"ContrastCorrection", true, [](const FilterCall& c, void** p) {
          return corrections::contrast_correction(c.src, c.dst, c.height, c.width, c.white, int_param(p, 0),
                                                  int_param(p, 1), float_param(p, 2), int_param(p, 3), int_param(p, 4));

@@ -20,6 +20,14 @@ void debug_output(const char* line) noexcept;
 class NamedSlot {
 public:
     explicit NamedSlot(const char* name) noexcept;
+    // For tests: a semaphore that this call creates gets `slotsIfCreated`
+    // slots instead of the count the free memory allows; one that exists
+    // keeps its own count.
+    NamedSlot(const char* name, long slotsIfCreated) noexcept;
+    // For tests: deletes the named semaphore, so that the next NamedSlot
+    // creates it afresh (a no-op on Windows, where the object disappears with
+    // its last handle).
+    static void remove(const char* name) noexcept;
     ~NamedSlot();
     NamedSlot(const NamedSlot&) = delete;
     NamedSlot& operator=(const NamedSlot&) = delete;
