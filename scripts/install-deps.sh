@@ -5,7 +5,9 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ pkg-config python3 python3-numpy python3-pywt
+  cmake make g++ pkg-config python3
+  # The wavelet benchmark's peer.
+  python3-pywt
   libgtest-dev libgmock-dev libbenchmark-dev libopencv-dev libpng-dev libtiff-dev
   # The tool's DICOM files and command line.
   libgdcm-dev libcli11-dev
