@@ -31,14 +31,6 @@ KRF_ALWAYS_INLINE V vmin(const V& a, const V& b) { return a < b ? a : b; }
 template <class V>
 KRF_ALWAYS_INLINE V vmax(const V& a, const V& b) { return a < b ? b : a; }
 
-template <class V>
-KRF_ALWAYS_INLINE V load(const Sample* p) {
-    V v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-template <class V>
-KRF_ALWAYS_INLINE void store(Sample* p, const V& v) { std::memcpy(p, &v, sizeof v); }
 
 // Calls vector(i) for blocks of `lanes` positions covering [0, count), the
 // last block moved back so that it ends at count (its overlap with the block

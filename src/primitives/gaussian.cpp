@@ -26,6 +26,9 @@ namespace krf::prim {
 
 namespace {
 
+using lanes::load;
+using lanes::store;
+
 constexpr std::uint32_t kRecordTag = 0x47617573u;
 
 struct GaussianRecord {
@@ -79,16 +82,6 @@ struct Lanes {
     typedef std::uint16_t U __attribute__((vector_size(N * 2)));
 };
 
-template <class V>
-KRF_ALWAYS_INLINE V load(const float* p) {
-    V v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-template <class V>
-KRF_ALWAYS_INLINE void store(void* p, const V& v) {
-    std::memcpy(p, &v, sizeof v);
-}
 
 // Rounded to nearest, ties to even, and saturated to 0 ... 65535: adding and
 // subtracting 1.5 · 2^23 leaves the nearest integer in the default rounding

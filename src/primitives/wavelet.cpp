@@ -22,6 +22,9 @@ namespace krf::prim {
 
 namespace {
 
+using lanes::load;
+using lanes::store;
+
 // ---- The weighted row sum, written once over a vector of floats and
 // instantiated for 16-byte vectors (any x86-64), 32-byte vectors inside an
 // AVX2 function and 64-byte vectors inside an AVX-512 function. Every width
@@ -34,12 +37,6 @@ struct Lanes {
     static constexpr int count = Bytes / static_cast<int>(sizeof(float));
 };
 
-template <class V>
-KRF_ALWAYS_INLINE V load(const float* p) {
-    V v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 template <int Bytes>
 KRF_ALWAYS_INLINE void weighted_sum_lanes(const float* const* terms, const float* weights, int termCount, float* dst,
