@@ -30,6 +30,14 @@ int run_standard(const char* name, Raster& out, void** params) {
     return DoFilter(&input, &output, const_cast<char*>(name), params);
 }
 
+void time_standard(benchmark::State& state, const char* name, void** params) {
+    Raster out(kHeight, kWidth);
+    for (auto _ : state) {
+        if (run_standard(name, out, params) != 0) state.SkipWithError("filter failed");
+        benchmark::ClobberMemory();
+    }
+}
+
 namespace {
 
 std::vector<Case>& cases() {

@@ -13,18 +13,10 @@
 namespace krf::bench {
 namespace {
 
-void run_filter_case(benchmark::State& state, const char* name, void** params) {
-    Raster out(kHeight, kWidth);
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(run_standard(name, out, params));
-        benchmark::ClobberMemory();
-    }
-}
-
 void gammaporion(benchmark::State& state) {
     double gamma = 0, radius = 0, radius_ext = 0;
     void* p[] = {&gamma, &radius, &radius_ext};
-    run_filter_case(state, "gammaporion", p);
+    time_standard(state, "gammaporion", p);
 }
 
 // The default template (discs of 19 and 38 pixels here) as a zero-sum kernel:
@@ -65,7 +57,7 @@ void supereq(benchmark::State& state) {
     int line = tools::phantom_defective_row(kHeight), prev = 0, post = 0, tile = 64;
     double factor = 0;
     void* p[] = {&line, &prev, &post, &tile, &factor};
-    run_filter_case(state, "supereq", p);
+    time_standard(state, "supereq", p);
 }
 
 void supereq_pre(benchmark::State& state) {
@@ -74,7 +66,7 @@ void supereq_pre(benchmark::State& state) {
     double factor = 0;
     void* p[] = {&line, &prev, &post, &tile, &factor, &roi_width,
                  &roi_height, &roi_v, &roi_h, &percentile, &enable_post};
-    run_filter_case(state, "supereq_pre", p);
+    time_standard(state, "supereq_pre", p);
 }
 
 const bool registered =

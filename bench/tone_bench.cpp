@@ -24,14 +24,6 @@ cv::Mat standard_mat_8bit() {
     return eight;
 }
 
-void run_filter_case(benchmark::State& state, const char* name, void** params) {
-    Raster out(kHeight, kWidth);
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(run_standard(name, out, params));
-        benchmark::ClobberMemory();
-    }
-}
-
 void bare_applier(benchmark::State& state) {
     const Raster& in = standard_input();
     Raster out(kHeight, kWidth);
@@ -47,10 +39,10 @@ void bare_applier(benchmark::State& state) {
 void gamma(benchmark::State& state) {
     double g = 0.5;
     void* p[] = {&g};
-    run_filter_case(state, "gamma", p);
+    time_standard(state, "gamma", p);
 }
 
-void equalize(benchmark::State& state) { run_filter_case(state, "equalize", nullptr); }
+void equalize(benchmark::State& state) { time_standard(state, "equalize", nullptr); }
 
 void equalize_peer(benchmark::State& state) {
     const cv::Mat in = standard_mat_8bit();
@@ -65,14 +57,14 @@ void shannon_stretching(benchmark::State& state) {
     double low_th = 0.05, high_th = 0.95;
     int up = 100, down = 100, left = 100, right = 100;
     void* p[] = {&low_th, &high_th, &up, &down, &left, &right};
-    run_filter_case(state, "ShannonStretching", p);
+    time_standard(state, "ShannonStretching", p);
 }
 
 void ece(benchmark::State& state) {
     double low_th = 0.005, high_th = 0.99, din_low = 0.25, din_high = 0.75, mu = 0.5, sigma = 0.3;
     int up = 6, down = 18, left = 107, right = 118;
     void* p[] = {&low_th, &high_th, &din_low, &din_high, &mu, &sigma, &up, &down, &left, &right};
-    run_filter_case(state, "ECE", p);
+    time_standard(state, "ECE", p);
 }
 
 void colorize(benchmark::State& state) {
@@ -100,7 +92,7 @@ void colorize_peer(benchmark::State& state) {
 void flip(benchmark::State& state) {
     int horizontal = 1, vertical = 1;
     void* p[] = {&horizontal, &vertical};
-    run_filter_case(state, "flip", p);
+    time_standard(state, "flip", p);
 }
 
 void flip_peer(benchmark::State& state) {
@@ -112,7 +104,7 @@ void flip_peer(benchmark::State& state) {
     }
 }
 
-void reverse(benchmark::State& state) { run_filter_case(state, "reverse", nullptr); }
+void reverse(benchmark::State& state) { time_standard(state, "reverse", nullptr); }
 
 void reverse_peer(benchmark::State& state) {
     const cv::Mat in = standard_mat();

@@ -30,6 +30,8 @@ const Raster& standard_input();
 
 // Runs the named filter once through DoFilter on the standard input.
 int run_standard(const char* name, Raster& out, void** params);
+// Times run_standard; a non-zero code marks the benchmark as failed.
+void time_standard(benchmark::State& state, const char* name, void** params);
 
 // A benchmark of one filter and, when the peer function is given, of its
 // nearest peer on the same workload. The summary table prints both times,
