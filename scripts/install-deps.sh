@@ -8,6 +8,7 @@ packages=(
   cmake make g++ pkg-config python3
   libgtest-dev libgmock-dev libbenchmark-dev libopencv-dev libpng-dev libtiff-dev libgdcm-dev libcli11-dev
   g++-multilib g++-mingw-w64-x86-64 libclang-rt-14-dev wine wine64
+  libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium
 )
 
 missing=()

@@ -194,6 +194,7 @@ private:
         });
         http_.Get("/api/catalogue", [this](const httplib::Request&, httplib::Response& res) {
             send_json(res, json{{"filters", catalogue_},
+                                {"families", {kTone, kNeighbourhood, kMultiScale, kCorrections, "Other"}},
                                 {"limits", {{"upload_bytes", kUploadBytes}, {"side", kLargestSide}}},
                                 {"phantom", image_json(*phantom_)},
                                 {"opening", image_json(*opening_)}});

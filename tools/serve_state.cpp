@@ -214,7 +214,22 @@ Difference compare(const GreyImage& after, const GreyImage& before) {
 }
 
 GreyImage difference_preview(const GreyImage& after, const GreyImage& before) {
-    const int largest = std::max(compare(after, before).largest, 1);
+    // Scaled to the 99.5th percentile of the changed samples' differences:
+    // a few impulse specks that a filter removes would otherwise set the
+    // scale and leave every other change invisible around mid-grey.
+    std::vector<std::uint64_t> histogram(65536, 0);
+    std::uint64_t changed = 0;
+    for (std::size_t k = 0; k < after.samples.size() && k < before.samples.size(); ++k) {
+        const int d = std::abs(int{after.samples[k]} - int{before.samples[k]});
+        if (d != 0) {
+            ++histogram[d];
+            ++changed;
+        }
+    }
+    int largest = 1;
+    for (std::uint64_t below = 0; largest < 65535 && (below + histogram[largest]) * 1000 < changed * 995; ++largest) {
+        below += histogram[largest];
+    }
     const int step = preview_step(after.height, after.width);
     GreyImage preview;
     preview.height = subsampled(after.height, step);
@@ -229,7 +244,7 @@ GreyImage difference_preview(const GreyImage& after, const GreyImage& before) {
         for (int c = 0; c < preview.width; ++c) {
             const std::size_t k = static_cast<std::size_t>(c) * step;
             const double d = int{a[k]} - int{b[k]};
-            target[c] = static_cast<std::uint16_t>(std::lround(127.5 + 127.5 * d / largest));
+            target[c] = static_cast<std::uint16_t>(std::lround(127.5 + 127.5 * std::clamp(d / largest, -1.0, 1.0)));
         }
     }
     return preview;

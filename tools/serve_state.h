@@ -140,7 +140,8 @@ struct Difference {
 };
 Difference compare(const GreyImage& after, const GreyImage& before);
 // after - before drawn around mid-grey: brighter where the result is higher,
-// darker where lower, the largest difference reaching black or white.
+// darker where lower; all but the largest 0.5 % of the changes stay short of
+// black and white.
 GreyImage difference_preview(const GreyImage& after, const GreyImage& before);
 
 }  // namespace krf::tools

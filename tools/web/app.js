@@ -32,12 +32,13 @@ function say(id, text, kind) {
 function buildFilterList() {
   const nav = $('filters');
   nav.textContent = '';
-  const families = new Map();
+  const families = new Map(state.catalogue.families.map((family) => [family, []]));
   for (const filter of state.catalogue.filters) {
     if (!families.has(filter.family)) families.set(filter.family, []);
     families.get(filter.family).push(filter);
   }
   for (const [family, filters] of families) {
+    if (filters.length === 0) continue;
     const heading = document.createElement('h3');
     heading.textContent = family;
     const list = document.createElement('ul');
@@ -218,7 +219,7 @@ function refreshViews() {
   } else {
     $('difference').src = `/api/images/${result.id}/difference.png?against=${state.image.id}`;
     $('difference-note').textContent = 'Mid-grey: unchanged; brighter: raised; darker: lowered, ' +
-                                       'scaled to the largest change.';
+                                       'the largest 0.5 % of the changes clipped.';
   }
   const link = $('download');
   link.href = `/api/images/${result.id}/file.png`;
