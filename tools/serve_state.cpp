@@ -149,6 +149,17 @@ int preview_step(int height, int width) {
 
 int subsampled(int length, int step) { return (length + step - 1) / step; }
 
+// An empty 8-bit picture of every step-th row and column of `image`.
+GreyImage preview_canvas(const GreyImage& image, int step) {
+    GreyImage preview;
+    preview.height = subsampled(image.height, step);
+    preview.width = subsampled(image.width, step);
+    preview.bit_depth = 8;
+    preview.white = 255;
+    preview.samples.resize(static_cast<std::size_t>(preview.height) * preview.width);
+    return preview;
+}
+
 }  // namespace
 
 std::string encode_png(ScratchFolder& scratch, const GreyImage& image, std::string& problem) {
@@ -165,12 +176,7 @@ std::string encode_rgb_png(ScratchFolder& scratch, int height, int width, const 
 
 GreyImage windowed_preview(const GreyImage& image, double window, double level) {
     const int step = preview_step(image.height, image.width);
-    GreyImage preview;
-    preview.height = subsampled(image.height, step);
-    preview.width = subsampled(image.width, step);
-    preview.bit_depth = 8;
-    preview.white = 255;
-    preview.samples.resize(static_cast<std::size_t>(preview.height) * preview.width);
+    GreyImage preview = preview_canvas(image, step);
     const double lower = level - window / 2;
     const bool inverted = image.photometric == Photometric::monochrome1;
     // One table entry per possible sample value keeps the per-sample work to
@@ -231,12 +237,7 @@ GreyImage difference_preview(const GreyImage& after, const GreyImage& before) {
         below += histogram[largest];
     }
     const int step = preview_step(after.height, after.width);
-    GreyImage preview;
-    preview.height = subsampled(after.height, step);
-    preview.width = subsampled(after.width, step);
-    preview.bit_depth = 8;
-    preview.white = 255;
-    preview.samples.resize(static_cast<std::size_t>(preview.height) * preview.width);
+    GreyImage preview = preview_canvas(after, step);
     for (int r = 0; r < preview.height; ++r) {
         const std::uint16_t* a = after.row(r * step);
         const std::uint16_t* b = before.row(r * step);

@@ -62,8 +62,13 @@ class Server:
 
     def __exit__(self, *exc):
         if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
+            # SIGTERM first, so the server removes its temporary folder.
+            self.process.terminate()
+            try:
+                self.process.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
             self._close()
 
     # ---- requests --------------------------------------------------------
