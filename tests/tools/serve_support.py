@@ -1,8 +1,10 @@
 """What the tests of `krfilter serve` share: starting and stopping the server,
-requests, and a small PNG reader and writer (no imaging module is at hand)."""
+requests, the tool's own result for comparison, and a small PNG writer for
+uploads (no imaging module is at hand)."""
 import http.client
 import json
 import os
+import re
 import signal
 import struct
 import subprocess
@@ -142,50 +144,10 @@ def write_png(width, height, samples, bit_depth=16, colour_type=0):
             _chunk(b"IEND", b""))
 
 
-def read_png(data):
-    """(width, height, bit_depth, channels, samples) of an 8- or 16-bit grey or RGB PNG."""
-    assert data[:8] == b"\x89PNG\r\n\x1a\n", "not a PNG"
-    position, idat = 8, b""
-    while position < len(data):
-        length, kind = struct.unpack(">I4s", data[position:position + 8])
-        body = data[position + 8:position + 8 + length]
-        if kind == b"IHDR":
-            width, height, depth, colour = struct.unpack(">IIBB", body[:10])
-        elif kind == b"IDAT":
-            idat += body
-        position += 12 + length
-    channels = {0: 1, 2: 3}[colour]
-    step = channels * depth // 8
-    stride = width * step
-    raw = zlib.decompress(idat)
-    rows, previous = [], bytearray(stride)
-    for r in range(height):
-        kind = raw[r * (stride + 1)]
-        line = bytearray(raw[r * (stride + 1) + 1:(r + 1) * (stride + 1)])
-        for i in range(stride):
-            left = line[i - step] if i >= step else 0
-            up = previous[i]
-            upper_left = previous[i - step] if i >= step else 0
-            if kind == 1:
-                line[i] = (line[i] + left) & 255
-            elif kind == 2:
-                line[i] = (line[i] + up) & 255
-            elif kind == 3:
-                line[i] = (line[i] + (left + up) // 2) & 255
-            elif kind == 4:
-                p = left + up - upper_left
-                pa, pb, pc = abs(p - left), abs(p - up), abs(p - upper_left)
-                predictor = left if pa <= pb and pa <= pc else up if pb <= pc else upper_left
-                line[i] = (line[i] + predictor) & 255
-        rows.append(bytes(line))
-        previous = line
-    pixels = b"".join(rows)
-    samples = list(struct.unpack(">%dH" % (len(pixels) // 2), pixels)) if depth == 16 else list(pixels)
-    return width, height, depth, channels, samples
-
-
 def tool_result(binary, folder, filter_name, input_png, assignments, name="tool.png"):
-    """The samples `krfilter run` writes for the same input and parameters."""
+    """The PNG file `krfilter run` writes for the same input and parameters. The
+    server encodes its results with the same writer, so equal samples give
+    equal bytes."""
     source = os.path.join(folder, "input-" + name)
     with open(source, "wb") as f:
         f.write(input_png)
@@ -194,4 +156,16 @@ def tool_result(binary, folder, filter_name, input_png, assignments, name="tool.
                                text=True)
     assert completed.returncode == 0, completed.stderr
     with open(target, "rb") as f:
-        return read_png(f.read())
+        return f.read()
+
+
+def tool_catalogue(binary):
+    """{name: built} as `krfilter list` reports them, in catalogue order."""
+    lines = subprocess.run([binary, "list"], capture_output=True, text=True, check=True).stdout.splitlines()
+    return {line.split()[1]: line.split()[2] == "yes" for line in lines[1:-1]}
+
+
+def info_fields(binary, name):
+    """[(index, name, type, min, max, default)] of `krfilter info NAME`, index from 0."""
+    info = subprocess.run([binary, "info", name], capture_output=True, text=True, check=True).stdout
+    return [(int(n) - 1, *rest) for n, *rest in re.findall(r'^ +(\d+) +"(.*)" +(\w+) +(\S+) +(\S+) +(\S+)$', info, re.M)]
