@@ -83,7 +83,9 @@ public:
 void send_json(httplib::Response& res, const json& body, int status = 200) {
     res.status = status;
     res.set_header("Cache-Control", "no-store");
-    res.set_content(body.dump(), "application/json");
+    // Messages may quote what the client sent (an upload's name), which
+    // need not be valid UTF-8: such bytes are replaced, never a failure.
+    res.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
 }
 
 void send_error(httplib::Response& res, int status, const std::string& message) {
@@ -289,6 +291,7 @@ private:
         if (req.is_multipart_form_data()) throw HttpError(400, "send the file's bytes as the request body, not a form");
         std::string name = req.has_param("name") ? req.get_param_value("name") : std::string("upload");
         GatePass pass(gate_);
+        if (!pass.admitted()) res.set_header("Connection", "close");  // the body is left unread
         admit(pass);
 
         // The readers take a file name, so the upload goes to the scratch

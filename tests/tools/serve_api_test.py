@@ -105,6 +105,8 @@ class ServeApi(unittest.TestCase):
                      f"/api/images/{self.phantom}/difference.png"]:
             with self.subTest(path=path):
                 self.assertEqual(self.server.request("GET", path)[0], 400)
+        status, answer = self.server.upload(b"\xff\xfe not an image", b"bad-\xff.png")
+        self.assertEqual(status, 400)  # a name that is not UTF-8 is quoted, not fatal
         status, answer = self.server.upload(good_png, "good.png")
         self.assertEqual((status, answer["width"], answer["height"], answer["highest"]), (200, 4, 3, 11))
         self.assertEqual(self.server.request("GET", f"/api/images/{answer['id']}/difference.png"

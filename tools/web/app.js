@@ -178,7 +178,9 @@ function setImage(image) {
   $('image-info').textContent = describeImage(image);
   $('white').value = image.white;
   for (const id of ['window-range', 'level-range']) $(id).max = Math.max(image.white, 1) + (id === 'window-range' ? 1 : 0);
-  fullWindow();
+  // Files often record a white level far above their samples (a 10-bit
+  // exposure in a 16-bit file): open on the samples' own range.
+  fitWindow();
 }
 
 function fullWindow() {
@@ -200,24 +202,38 @@ function windowQuery() {
   return `window=${encodeURIComponent($('window').value)}&level=${encodeURIComponent($('level').value)}`;
 }
 
+// A picture request may meet a busy server (503); try again a few times.
+function show(image, url, attempt = 0) {
+  image.onerror = () => {
+    if (attempt < 4 && image.dataset.url === url) setTimeout(() => show(image, url, attempt + 1), 400 * (attempt + 1));
+  };
+  image.dataset.url = url;
+  image.src = attempt === 0 ? url : `${url}&attempt=${attempt}`;
+}
+
+function hide(image) {
+  delete image.dataset.url;  // stops pending retries
+  image.removeAttribute('src');
+}
+
 function refreshViews() {
   if (!state.image) return;
-  $('before').src = `/api/images/${state.image.id}/preview.png?${windowQuery()}`;
+  show($('before'), `/api/images/${state.image.id}/preview.png?${windowQuery()}`);
   const result = state.result;
   $('after-empty').hidden = Boolean(result);
   $('result-actions').hidden = !result;
   if (!result) {
-    $('after').removeAttribute('src');
-    $('difference').removeAttribute('src');
+    hide($('after'));
+    hide($('difference'));
     $('difference-note').textContent = '';
     return;
   }
-  $('after').src = `/api/images/${result.id}/preview.png?${windowQuery()}`;
+  show($('after'), `/api/images/${result.id}/preview.png?${windowQuery()}`);
   if (result.colour) {
-    $('difference').removeAttribute('src');
+    hide($('difference'));
     $('difference-note').textContent = 'A colour rendering has no grey difference.';
   } else {
-    $('difference').src = `/api/images/${result.id}/difference.png?against=${state.image.id}`;
+    show($('difference'), `/api/images/${result.id}/difference.png?against=${state.image.id}`);
     $('difference-note').textContent = 'Mid-grey: unchanged; brighter: raised; darker: lowered, ' +
                                        'the largest 0.5 % of the changes clipped.';
   }
