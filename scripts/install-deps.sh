@@ -17,6 +17,8 @@ packages=(
   # The Python package, its tests and its batch runs; gdcm decodes JPEG 2000 DICOM.
   python3-numpy python3-pytest python3-hypothesis python3-dask python3-distributed
   python3-pil python3-tifffile python3-pydicom python3-gdcm
+  # krfilter serve and its test in a real browser.
+  libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium
 )
 
 missing=()

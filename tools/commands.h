@@ -52,4 +52,14 @@ struct BatchRequest {
 };
 int run_batch(const BatchRequest& request);  // batch_command.cpp
 
+struct ServeRequest {
+    std::string bind = "127.0.0.1";
+    int port = 8080;     // 0: any free port
+    std::string input;   // the picture the page opens on, instead of the phantom
+    int white = 0;       // the input's white level; 0: from the file
+    int max_runs = 0;    // heavy requests at a time; 0: one per processor
+    int max_waiting = 8; // heavy requests queued beyond those before 503
+};
+int run_serve(const ServeRequest& request);  // serve_command.cpp
+
 }  // namespace krf::tools

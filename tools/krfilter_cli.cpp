@@ -34,6 +34,10 @@ struct CommandLine {
     int jobs = 0;
     int size = 1024;
     std::string input;
+    std::string bind = "127.0.0.1";
+    int port = 8080;
+    int max_runs = 0;
+    int max_waiting = 8;
 };
 
 int usage_error(const CLI::App& app, const std::string& message) {
@@ -64,6 +68,11 @@ int run_parsed(const CommandLine& cl, const CLI::App& app) {
         request.assignments.assign(cl.positional.begin() + 2, cl.positional.end());
         if (cl.jobs < 0) return argument_error("--jobs takes a whole number from 1 up");
         return run_batch(request);
+    }
+    if (cl.command == "serve") {
+        if (cl.port < 0 || cl.port > 65535) return usage_error(*sub, "--port takes a whole number from 0 to 65535");
+        if (cl.max_runs < 0 || cl.max_waiting < 0) return usage_error(*sub, "--max-runs and --max-waiting take 0 or more");
+        return run_serve(ServeRequest{cl.bind, cl.port, cl.input, white, cl.max_runs, cl.max_waiting});
     }
     // demo
     if (cl.positional.size() > 1) return usage_error(*sub, "demo takes one folder");
@@ -111,17 +120,28 @@ int parse_and_run(int argc, char** argv) {
     demo->add_option("--input", cl.input, "a PNG, TIFF or DICOM radiograph to use instead of the synthetic one");
     demo->add_option("--white", cl.white, "white level of the input (default: the file's own, 4095 for the synthetic one)");
 
+    CLI::App* serve = app.add_subcommand(
+        "serve", "a local web page that builds each filter's dialog from the catalogue and runs it on an image:\n"
+                 "a synthetic radiograph, --input FILE, or one uploaded in the page (prints the address it serves on)");
+    serve->add_option("--port", cl.port, "TCP port, 0 for any free one (default 8080)");
+    serve->add_option("--bind", cl.bind, "address to listen on (default 127.0.0.1: this machine only)");
+    serve->add_option("--input", cl.input, "a PNG, TIFF or DICOM radiograph the page opens on");
+    serve->add_option("--white", cl.white, "white level of the input (default: the file's own)");
+    // Tests shrink the pool to provoke a full queue; not meant for users.
+    serve->add_option("--max-runs", cl.max_runs)->group("");
+    serve->add_option("--max-waiting", cl.max_waiting)->group("");
+
     // Unknown words are collected instead of refused by CLI11, so that the
     // messages below can name them as the tool always did.
     app.allow_extras();
-    for (CLI::App* sub : {list, info, run, batch, demo}) sub->allow_extras();
+    for (CLI::App* sub : {list, info, run, batch, demo, serve}) sub->allow_extras();
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        for (CLI::App* sub : {list, info, run, batch, demo})
+        for (CLI::App* sub : {list, info, run, batch, demo, serve})
             if (sub->parsed()) return usage_error(*sub, e.what());
         return usage_error(app, e.what());
     }
@@ -133,6 +153,7 @@ int parse_and_run(int argc, char** argv) {
     if (!sub->remaining().empty()) {
         const std::string word = sub->remaining().front();
         if (sub == list) return usage_error(*list, "list takes no arguments");
+        if (sub == serve) return usage_error(*serve, "serve takes no arguments besides its options");
         return usage_error(*sub, word.rfind("-", 0) == 0 ? "unknown option " + word : "unexpected \"" + word + "\"");
     }
     return run_parsed(cl, app);

@@ -1,0 +1,227 @@
+#!/usr/bin/env python3
+"""The JSON interface of `krfilter serve`, driven over HTTP without a browser.
+
+usage: serve_api_test.py PATH_TO_KRFILTER [unittest arguments]
+
+Results are checked against `krfilter run` on the same input with the same
+parameters, so the page and the command line cannot drift apart."""
+
+import os
+import signal
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+from serve_support import Server, index_of, info_fields, tool_catalogue, tool_result, write_png
+
+KRFILTER = None
+
+
+class ServeApi(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Server(KRFILTER)
+        cls.catalogue = cls.server.catalogue()
+        cls.phantom = cls.catalogue["phantom"]["id"]
+        cls.built = {f["name"] for f in cls.catalogue["filters"] if f["built"]}
+        cls.folder = tempfile.TemporaryDirectory()
+
+    @classmethod
+    def tearDownClass(cls):
+        code = cls.server.stop()
+        cls.folder.cleanup()
+        if code != 0:
+            raise AssertionError(f"the server ended with status {code} on SIGTERM")
+
+    def test_catalogue_is_the_library_s(self):
+        filters = self.catalogue["filters"]
+        self.assertEqual([(f["name"], f["built"]) for f in filters], list(tool_catalogue(KRFILTER).items()))
+        self.assertEqual(len(filters), 36)
+        self.assertEqual([f["index"] for f in filters], list(range(36)))
+        # The family table covers the whole catalogue.
+        self.assertEqual({f["family"] for f in filters},
+                         {"Tone curves, histograms and display", "Neighbourhood filters", "Multi-scale enhancement",
+                          "Regional corrections"})
+        by_name = {f["name"]: f for f in filters}
+        self.assertEqual(by_name["unsharp"]["params"][0]["name"], "Intensity ")
+        self.assertEqual([p["name"] for p in by_name["sigma"]["params"]], ["Sigma", "Sigma"])
+        # Every dialog field as `krfilter info` states it.
+        for f in filters:
+            self.assertEqual(info_fields(KRFILTER, f["name"]),
+                             [(p["index"], p["name"], p["type"], p["min"], p["max"], p["default"]) for p in f["params"]],
+                             f["name"])
+
+    def test_runs_by_index_match_the_tool(self):
+        phantom_png = self.server.file(self.phantom)
+        cases = [("sigma", ["0.15", "0.05"], ["#1=0.15", "#2=0.05"]),  # two parameters of one name
+                 ("unsharp", ["2", 3], ["Intensity =2", "Radius=3"]),   # a name ending in a blank; a JSON number
+                 ("median2D", ["5"], ["oddnum=5"])]
+        ran = 0
+        for name, values, assignments in cases:
+            if name not in self.built:
+                continue
+            with self.subTest(filter=name):
+                status, answer = self.server.run(self.phantom, index_of(self.catalogue, name), values)
+                self.assertEqual((status, answer["code"], answer["code_text"]), (200, 0, "success"))
+                self.assertGreater(answer["changed_samples"], 0)
+                served = self.server.file(answer["result"]["id"])
+                self.assertTrue(served == tool_result(KRFILTER, self.folder.name, name, phantom_png, assignments),
+                                "differs from krfilter run")
+                ran += 1
+        self.assertGreater(ran, 0, "none of the filters compared is built")
+
+    def test_bad_requests_are_400_with_a_message(self):
+        median = index_of(self.catalogue, "median2D")
+        good_png = write_png(4, 3, list(range(12)), bit_depth=16)
+        runs = [
+            (b"{not json", "not JSON"),
+            ({"image": self.phantom}, "expected"),
+            ({"image": self.phantom, "filter": median, "values": ["5x"]}, "not a whole number"),
+            ({"image": self.phantom, "filter": median, "values": ["5", "7"]}, "takes 1 values at most"),
+            ({"image": self.phantom, "filter": median, "values": [True]}, "neither text nor a number"),
+            ({"image": self.phantom, "filter": median, "values": [5.0]}, "not a whole number"),
+            ({"image": self.phantom, "filter": median, "white": 0}, "white takes"),
+        ]
+        for body, message in runs:
+            with self.subTest(body=body):
+                status, _, data = self.server.request("POST", "/api/run", body)
+                self.assertEqual(status, 400)
+                self.assertIn(message, data.decode())
+        uploads = [
+            (b"", "empty"),
+            (b"this is not an image at all", ""),
+            (good_png[:60], ""),                                                    # truncated
+            (write_png(2, 2, [1, 2, 3] * 4, bit_depth=8, colour_type=2), ""),      # colour
+        ]
+        for data, message in uploads:
+            with self.subTest(upload=data[:16]):
+                status, answer = self.server.upload(data, "bad.png")
+                self.assertEqual(status, 400)
+                self.assertIn(message, answer["error"])
+        for path in [f"/api/images/{self.phantom}/preview.png?window=0",
+                     f"/api/images/{self.phantom}/preview.png?level=12x",
+                     f"/api/images/{self.phantom}/difference.png"]:
+            with self.subTest(path=path):
+                self.assertEqual(self.server.request("GET", path)[0], 400)
+        status, answer = self.server.upload(b"\xff\xfe not an image", b"bad-\xff.png")
+        self.assertEqual(status, 400)  # a name that is not UTF-8 is quoted, not fatal
+        status, answer = self.server.upload(good_png, "good.png")
+        self.assertEqual((status, answer["width"], answer["height"], answer["highest"]), (200, 4, 3, 11))
+        self.assertEqual(self.server.request("GET", f"/api/images/{answer['id']}/difference.png"
+                                                    f"?against={self.phantom}")[0], 400)  # sizes differ
+
+    def test_unknown_things_are_404(self):
+        for body in [{"image": self.phantom, "filter": 36}, {"image": self.phantom, "filter": -1},
+                     {"image": "0123abcd", "filter": 0}]:
+            with self.subTest(body=body):
+                self.assertEqual(self.server.json("POST", "/api/run", body)[0], 404)
+        for path in ["/nothing", "/api/images/0123abcd/preview.png", "/api/images/0123abcd/file.png",
+                     f"/api/images/{self.phantom}/difference.png?against=0123abcd", "/api/images/NOTHEX"]:
+            with self.subTest(path=path):
+                status, _, data = self.server.request("GET", path)
+                self.assertEqual(status, 404)
+                self.assertIn(b'"error"', data)
+
+    def test_limits_are_413(self):
+        status, answer = self.server.declared_upload(256 * 1024 * 1024 + 1, b"\x89PNG")
+        self.assertEqual(status, 413)
+        self.assertIn("256 MiB", answer["error"])
+        for width, height in [(16385, 1), (1, 16385)]:
+            with self.subTest(size=(width, height)):
+                status, answer = self.server.upload(write_png(width, height, [7] * (width * height), 8))
+                self.assertEqual(status, 413)
+                self.assertIn("16384", answer["error"])
+        status, answer = self.server.upload(write_png(16384, 1, [7] * 16384, 8))
+        self.assertEqual((status, answer["width"]), (200, 16384))
+
+    def test_non_zero_codes_leave_the_server_serving(self):
+        # IsoDensity always answers 1; a filter this build lacks answers -3.
+        failing = "IsoDensity" if "IsoDensity" in self.built else next(
+            f["name"] for f in self.catalogue["filters"] if not f["built"])
+        status, answer = self.server.run(self.phantom, index_of(self.catalogue, failing))
+        self.assertEqual(status, 200)
+        self.assertNotEqual(answer["code"], 0)
+        self.assertNotIn("result", answer)
+        self.assertTrue(answer["code_text"])
+        status, answer = self.server.run(self.phantom, index_of(self.catalogue, "median2D"), ["3"])
+        self.assertEqual((status, answer["code"]), (200, 0))
+
+    def test_concurrent_runs_give_the_sequential_results(self):
+        jobs = [(name, values) for name, values in
+                [("median2D", ["3"]), ("median2D", ["7"]), ("gamma", ["0.6"]), ("unsharp", ["2", "3"]),
+                 ("mean2D", ["5"]), ("despeckle", ["5", "200"])] if name in self.built]
+        references = {}
+        for name, values in jobs:
+            status, answer = self.server.run(self.phantom, index_of(self.catalogue, name), values)
+            self.assertEqual((status, answer["code"]), (200, 0))
+            references[(name, tuple(values))] = self.server.file(answer["result"]["id"])
+        outcomes = []
+
+        def run(name, values):
+            status, answer = self.server.run(self.phantom, index_of(self.catalogue, name), values)
+            data = self.server.file(answer["result"]["id"]) if status == 200 and answer["code"] == 0 else None
+            outcomes.append((name, tuple(values), status, data))
+
+        # As many at once as the server runs or queues: none may be refused.
+        status = self.server.json("GET", "/api/status")[1]
+        capacity = status["slots"] + status["waiting_places"]
+        threads = [threading.Thread(target=run, args=jobs[k % len(jobs)]) for k in range(capacity)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assertEqual(len(outcomes), capacity)
+        for name, values, status, data in outcomes:
+            with self.subTest(filter=name, values=values):
+                self.assertEqual(status, 200)
+                self.assertTrue(data == references[(name, values)], "differs from the run made alone")
+
+    def test_only_the_most_recent_images_are_kept(self):
+        ids = []
+        for k in range(17):
+            status, answer = self.server.upload(write_png(3, 2, [k] * 6, 16), f"small-{k}.png")
+            self.assertEqual(status, 200)
+            ids.append(answer["id"])
+        self.assertEqual(self.server.request("GET", f"/api/images/{ids[0]}")[0], 404)
+        self.assertEqual(self.server.request("GET", f"/api/images/{ids[-1]}")[0], 200)
+        self.assertEqual(self.server.request("GET", f"/api/images/{self.phantom}")[0], 200)
+        self.assertLessEqual(self.server.json("GET", "/api/status")[1]["images"], 17)
+
+
+class ServeLifecycle(unittest.TestCase):
+    def test_full_queue_is_503_and_clears(self):
+        with Server(KRFILTER, "--max-runs", "1", "--max-waiting", "0") as server:
+            catalogue = server.catalogue()
+            phantom, median = catalogue["phantom"]["id"], index_of(catalogue, "median2D")
+            slow = threading.Thread(target=server.run, args=(phantom, median, ["401"]))
+            slow.start()
+            deadline = time.monotonic() + 30
+            while server.json("GET", "/api/status")[1]["running"] == 0 and time.monotonic() < deadline:
+                time.sleep(0.005)
+            status, answer = server.run(phantom, median, ["3"])
+            self.assertEqual(status, 503)
+            self.assertIn("busy", answer["error"])
+            self.assertEqual(server.request("GET", "/api/catalogue")[0], 200)  # light requests still served
+            slow.join()
+            self.assertEqual(server.run(phantom, median, ["3"])[0], 200)
+            self.assertEqual(server.stop(), 0)
+
+    def test_signals_stop_the_server_and_remove_its_files(self):
+        for sig in (signal.SIGINT, signal.SIGTERM):
+            with self.subTest(signal=sig), Server(KRFILTER) as server:
+                catalogue = server.catalogue()
+                status, _ = server.upload(write_png(8, 8, list(range(64)), 16))
+                self.assertEqual(status, 200)
+                folder = server.scratch_folder()
+                self.assertTrue(folder and os.path.isdir(folder), server.stderr_lines)
+                self.assertEqual(os.listdir(folder), [])  # uploads do not outlive their request
+                self.assertTrue(catalogue["filters"])
+                self.assertEqual(server.stop(sig), 0)
+                self.assertFalse(os.path.exists(folder))
+
+
+if __name__ == "__main__":
+    KRFILTER = os.path.abspath(sys.argv[1])
+    unittest.main(argv=[sys.argv[0]] + sys.argv[2:], verbosity=2)

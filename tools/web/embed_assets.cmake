@@ -1,0 +1,20 @@
+# Turns the page's files into one C++ source of byte arrays, so the server
+# carries its page inside the binary and never reads the source folder.
+# Run as: cmake -DOUTPUT=file.cpp -DASSETS="a.html;b.js" -P embed_assets.cmake
+set(body "// Generated from tools/web by embed_assets.cmake; do not edit.\n#include \"web_assets.h\"\n\nnamespace krf::tools {\n\nnamespace {\n")
+set(table "")
+set(index 0)
+foreach(asset IN LISTS ASSETS)
+  file(READ "${asset}" hex HEX)
+  file(SIZE "${asset}" size)
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
+  string(REGEX REPLACE "((0x..,){24})" "\\1\n" bytes "${bytes}")
+  get_filename_component(name "${asset}" NAME)
+  string(APPEND body "const unsigned char asset_${index}[] = {\n${bytes}0};\n")
+  string(APPEND table "    {\"/${name}\", asset_${index}, ${size}},\n")
+  math(EXPR index "${index} + 1")
+endforeach()
+string(APPEND body "}  // namespace\n\nconst WebAsset kWebAssets[] = {\n${table}};\nconst std::size_t kWebAssetCount = ${index};\n\n}  // namespace krf::tools\n")
+file(WRITE "${OUTPUT}.tmp" "${body}")
+file(COPY_FILE "${OUTPUT}.tmp" "${OUTPUT}" ONLY_IF_DIFFERENT)
+file(REMOVE "${OUTPUT}.tmp")
