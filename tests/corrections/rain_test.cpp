@@ -80,7 +80,7 @@ TEST(Rain, ReplacesAnImpulseInsideTheRangeOnlyByItsMedian) {
     EXPECT_TRUE(out == Image(120, 600, kMarker));  // the output image is never written
 }
 
-TEST(Rain, RefusesAnotherParameterClassAndNullParameters) {
+TEST(Rain, RefusesAnotherParameterClass) {
     struct OtherParameters : FilterParametersClass {
         void SetDefaults() override {}
     } other;
@@ -90,10 +90,6 @@ TEST(Rain, RefusesAnotherParameterClassAndNullParameters) {
     ASSERT_EQ(filter.Init(image.rows(), 32768, image.height(), image.width(), nullptr, nullptr), 0);
     EXPECT_EQ(filter.Apply(&other), 363500);
     EXPECT_EQ(filter.Release(), 0);
-    EXPECT_TRUE(image == before);
-
-    Image out(120, 600, kMarker);
-    EXPECT_EQ(run_filter("rain", image, out, 32767, nullptr), -2);
     EXPECT_TRUE(image == before);
 }
 
