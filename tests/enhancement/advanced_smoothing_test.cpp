@@ -65,9 +65,9 @@ TEST(AdvancedSmoothing, ZeroThresholdsGiveBackTheInput) {
                                  random_image(16, 16, 4095, 6), random_image(17, 17, 65535, 7),
                                  real_radiograph("cr-leg-10bit.png"), real_radiograph("cr-15bit.png")};
     for (Image& in : images)
-        for (const auto& [filter, thresholds] : {std::pair<Filter, std::array<float, 4>>{krf::advanced_smoothing, kZero},
-                                                 {krf::advanced_smoothing_2, kZero},
-                                                 {krf::advanced_smoothing_2, kZeroSingleLevel}})
+        for (const auto& [filter, thresholds] :
+             {std::pair<Filter, std::array<float, 4>>{krf::advanced_smoothing, kZero},
+              {krf::advanced_smoothing_2, kZero}, {krf::advanced_smoothing_2, kZeroSingleLevel}})
             if (in.height() < 100 || thresholds != kZeroSingleLevel)  // one level is slow on whole radiographs
                 EXPECT_LE(largest_difference(run(filter, in, thresholds), in), 1) << in.height() << "x" << in.width();
 }
