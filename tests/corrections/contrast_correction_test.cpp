@@ -141,16 +141,13 @@ Image plain_contrast(const Image& in, int white, const Settings& s) {
     const int PH = H + ay.before + ay.after, PW = W + ax.before + ax.after;
     std::vector<float> plane(static_cast<std::size_t>(PH) * PW);
     auto at = [&](int y, int x) -> float& { return plane[static_cast<std::size_t>(y) * PW + x]; };
-    for (int r = 0; r < H; ++r) {
-        const int y = ay.before + r;
-        for (int c = 0; c < W; ++c) at(y, ax.before + c) = in.at(r, c);
-        for (int i = 0; i < ax.before; ++i) at(y, ax.before - 1 - i) = at(y, ax.before + i);
-        for (int i = 0; i < ax.after; ++i) at(y, ax.before + W + i) = at(y, ax.before + W - 1 - i);
-    }
-    for (int i = 0; i < ay.before; ++i)
-        for (int x = 0; x < PW; ++x) at(ay.before - 1 - i, x) = at(ay.before + i, x);
-    for (int i = 0; i < ay.after; ++i)
-        for (int x = 0; x < PW; ++x) at(ay.before + H + i, x) = at(ay.before + H - 1 - i, x);
+    // Margins mirror the image without repeating its edge sample.
+    auto mirror = [](int p, int before, int n) {
+        const int j = p - before;
+        return j < 0 ? -1 - j : j >= n ? 2 * n - 1 - j : j;
+    };
+    for (int y = 0; y < PH; ++y)
+        for (int x = 0; x < PW; ++x) at(y, x) = in.at(mirror(y, ay.before, H), mirror(x, ax.before, W));
 
     const float mn = *std::min_element(plane.begin(), plane.end()), mx = *std::max_element(plane.begin(), plane.end());
     for (float& x : plane) x = (mn > 0 || mx < white) ? (x - mn) / (mx - mn) : x / mx;
