@@ -91,7 +91,6 @@ TEST(PrimitiveArithmetic, ComputesOnTheRegionAndHonoursRowSteps) {
 TEST(PrimitiveStatus, ElementWiseOperationsCheckPointersThenSizes) {
     float f[4] = {};
     std::uint16_t u[4] = {};
-    float max = 0;
     const Size empty{0, 1}, negative{2, -1}, ok{2, 2};
     EXPECT_EQ(ConvertU16ToF32(nullptr, 4, f, 8, empty), kNullPointer);
     EXPECT_EQ(MulF32InPlace(nullptr, 8, f, 8, negative), kNullPointer);
