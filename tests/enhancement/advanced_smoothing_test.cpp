@@ -64,13 +64,12 @@ TEST(AdvancedSmoothing, ZeroThresholdsGiveBackTheInput) {
                                  random_image(1, 29, 65535, 4), random_image(30, 1, 4095, 5),
                                  random_image(16, 16, 4095, 6), random_image(17, 17, 65535, 7),
                                  real_radiograph("cr-leg-10bit.png"), real_radiograph("cr-15bit.png")};
-    for (Image& in : images) {
-        EXPECT_LE(largest_difference(run(krf::advanced_smoothing, in, kZero), in), 1) << in.height() << "x" << in.width();
-        EXPECT_LE(largest_difference(run(krf::advanced_smoothing_2, in, kZero), in), 1) << in.height() << "x" << in.width();
-        if (in.height() < 100)
-            EXPECT_LE(largest_difference(run(krf::advanced_smoothing_2, in, kZeroSingleLevel), in), 1)
-                << in.height() << "x" << in.width();
-    }
+    for (Image& in : images)
+        for (const auto& [filter, thresholds] :
+             {std::pair<Filter, std::array<float, 4>>{krf::advanced_smoothing, kZero},
+              {krf::advanced_smoothing_2, kZero}, {krf::advanced_smoothing_2, kZeroSingleLevel}})
+            if (in.height() < 100 || thresholds != kZeroSingleLevel)  // one level is slow on whole radiographs
+                EXPECT_LE(largest_difference(run(filter, in, thresholds), in), 1) << in.height() << "x" << in.width();
 }
 
 // ---- The undecimated filter written out at full size, straight from its
@@ -101,28 +100,22 @@ Image undecimated_reference(Image& in, std::array<float, 4> thresh) {
     std::vector<std::array<Plane, 3>> details(levels);
     for (int i = 0; i < levels; ++i) {
         const int d = 1 << i;
-        auto rows = [&](const Plane& s, const float* taps) {
+        // Along the rows (dx = 1) or the columns (dy = 1), wrapping around the padded plane.
+        auto convolve = [&](const Plane& s, const float* taps, int dx, int dy) {
             Plane r(W * H);
             for (int y = 0; y < H; ++y)
                 for (int x = 0; x < W; ++x) {
-                    float acc = taps[0] * s[y * W + wrap(x + 8 * d, W)];
-                    for (int k = 1; k < 16; ++k) acc = acc + taps[k] * s[y * W + wrap(x + 8 * d - k * d, W)];
+                    auto at = [&](int k) {
+                        return s[wrap(y + (8 - k) * d * dy, H) * W + wrap(x + (8 - k) * d * dx, W)];
+                    };
+                    float acc = taps[0] * at(0);
+                    for (int k = 1; k < 16; ++k) acc = acc + taps[k] * at(k);
                     r[y * W + x] = acc;
                 }
             return r;
         };
-        auto columns = [&](const Plane& s, const float* taps) {
-            Plane r(W * H);
-            for (int y = 0; y < H; ++y)
-                for (int x = 0; x < W; ++x) {
-                    float acc = taps[0] * s[wrap(y + 8 * d, H) * W + x];
-                    for (int k = 1; k < 16; ++k) acc = acc + taps[k] * s[wrap(y + 8 * d - k * d, H) * W + x];
-                    r[y * W + x] = acc;
-                }
-            return r;
-        };
-        const Plane row_low = rows(a, low), row_high = rows(a, high);
-        details[i] = {columns(row_low, high), columns(row_high, low), columns(row_high, high)};
+        const Plane row_low = convolve(a, low, 1, 0), row_high = convolve(a, high, 1, 0);
+        details[i] = {convolve(row_low, high, 0, 1), convolve(row_high, low, 0, 1), convolve(row_high, high, 0, 1)};
         const float t = (thresh[i] * 255.0f) / 255.0f;
         for (Plane& band : details[i])
             for (float& x : band) {
@@ -130,7 +123,7 @@ Image undecimated_reference(Image& in, std::array<float, 4> thresh) {
                 const float y = (std::fabs(m) + m) * 0.5f;
                 x = x < 0 ? -y : y;
             }
-        a = columns(row_low, low);
+        a = convolve(row_low, low, 0, 1);
     }
 
     Plane& result = a;

@@ -75,18 +75,18 @@ TEST(WaveletFilters, EveryVectorPathGivesThePortableSamples) {
     const auto weights = random_floats(40, 4, 2.0f);
     std::vector<const float*> terms;
     for (int t = 0; t < 40; ++t) terms.push_back(data.data() + t * 300 + t % 5);
+    using krf::prim::testing::SumPath;
     for (int termCount : {1, 8, 16, 32})
         for (std::int64_t count : {1, 7, 15, 16, 17, 31, 63, 64, 65, 129, 290}) {
-            std::vector<float> portable(count), avx2(count), avx512(count);
-            krf::prim::testing::weighted_sum_on_path(krf::prim::testing::SumPath::portable, terms.data(), weights.data(), termCount,
-                                          portable.data(), count);
-            krf::prim::testing::weighted_sum_on_path(krf::prim::testing::SumPath::avx2, terms.data(), weights.data(), termCount,
-                                          avx2.data(), count);
-            EXPECT_EQ(avx2, portable) << termCount << " terms, " << count << " samples";
-            if (!cpu.avx512bw) continue;
-            krf::prim::testing::weighted_sum_on_path(krf::prim::testing::SumPath::avx512, terms.data(), weights.data(), termCount,
-                                          avx512.data(), count);
-            EXPECT_EQ(avx512, portable) << termCount << " terms, " << count << " samples";
+            auto on = [&](SumPath path) {
+                std::vector<float> sums(count);
+                krf::prim::testing::weighted_sum_on_path(path, terms.data(), weights.data(), termCount, sums.data(),
+                                                         count);
+                return sums;
+            };
+            const std::vector<float> portable = on(SumPath::portable);
+            EXPECT_EQ(on(SumPath::avx2), portable) << termCount << " terms, " << count << " samples";
+            if (cpu.avx512bw) EXPECT_EQ(on(SumPath::avx512), portable) << termCount << " terms, " << count;
         }
 }
 
