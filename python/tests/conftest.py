@@ -54,10 +54,11 @@ class Tool:
         self.folder = folder
         self.count = 0
 
-    def run_file(self, name, source, white, values=None, suffix=".png"):
-        """Runs the tool on an image file; returns (code or None, result array or None)."""
+    def run(self, name, samples, white, values=None):
+        """Runs the tool on `samples`; returns (code or None, result array or None)."""
         self.count += 1
-        target = os.path.join(self.folder, "tool-%d%s" % (self.count, suffix))
+        source, target = (os.path.join(self.folder, "%s-%d.png" % (kind, self.count)) for kind in ("in", "tool"))
+        write_png16(source, samples)
         args = [TOOL, "run", name, source, target, "--white", str(white)]
         args += ["#%d=%s" % (k + 1, value_text(v)) for k, v in sorted((values or {}).items())]
         done = subprocess.run(args, capture_output=True, text=True, timeout=120)
@@ -67,12 +68,6 @@ class Tool:
         if marker not in done.stderr:
             raise AssertionError("tool failed: %s\n%s" % (" ".join(args), done.stderr))
         return int(done.stderr.split(marker)[1].split(":")[0]), None
-
-    def run(self, name, samples, white, values=None):
-        self.count += 1
-        source = os.path.join(self.folder, "in-%d.png" % self.count)
-        write_png16(source, samples)
-        return self.run_file(name, source, white, values)
 
 
 def python_result(name, samples, white, values=None):

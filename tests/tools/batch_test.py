@@ -15,6 +15,7 @@ import sys
 import tempfile
 import time
 import unittest
+from pathlib import Path
 
 import cli_test
 from cli_test import gradient, krfilter, write_png, write_tiff
@@ -34,15 +35,13 @@ class Batch(unittest.TestCase):
     def tearDown(self):
         self._folder.cleanup()
 
-    def make_inputs(self, count=3):
-        for i in range(count):
+    def make_inputs(self):
+        for i in range(3):
             write_png(os.path.join(self.inputs, "p%02d.png" % i), gradient(20 + i, 30, 4095), sbit=12)
         write_tiff(os.path.join(self.inputs, "t.tif"), gradient(16, 17, 1023), max_sample=1023)
         shutil.copy(os.path.join(DATA, "RG3_J2KR.dcm"), os.path.join(self.inputs, "leg"))  # DICOM without extension
-        with open(os.path.join(self.inputs, "broken.png"), "wb") as f:
-            f.write(b"\x89PNG\r\n\x1a\n broken")
-        with open(os.path.join(self.inputs, "notes.txt"), "w") as f:
-            f.write("not an image, left alone\n")
+        Path(self.inputs, "broken.png").write_bytes(b"\x89PNG\r\n\x1a\n broken")
+        Path(self.inputs, "notes.txt").write_text("not an image, left alone\n")
         os.mkdir(os.path.join(self.inputs, "subfolder"))
         os.symlink("loop", os.path.join(self.inputs, "loop"))
 
@@ -58,8 +57,7 @@ class Batch(unittest.TestCase):
             for source, target in ((single, single + ".tif"), (os.path.join(self.outputs, name), "batch.tif")):
                 back = krfilter("run", "median2D", source, os.path.join(self.singles, os.path.basename(target)), "oddnum=1")
                 self.assertEqual(back.returncode, 0, back.stderr)
-            with open(single + ".tif", "rb") as a, open(os.path.join(self.singles, "batch.tif"), "rb") as b:
-                self.assertEqual(a.read(), b.read(), name)
+            self.assertEqual(Path(single + ".tif").read_bytes(), Path(self.singles, "batch.tif").read_bytes(), name)
 
     def test_every_image_is_filtered_and_failures_are_reported(self):
         self.make_inputs()
@@ -124,10 +122,8 @@ class DicomThroughTheTool(unittest.TestCase):
             self.assertEqual(result.returncode, 0, result.stderr)
             dry = krfilter("run", "gamma", out, os.path.join(folder, "x.png"), "--dry-run").stdout
             self.assertIn("1760 x 1760, 16-bit, white 1023 (from DICOM BitsStored), MONOCHROME1", dry)
-            with open(os.path.join(DATA, "RG1_J2KI.dcm"), "rb") as f:
-                data = f.read()
-            with open(os.path.join(folder, "cut.dcm"), "wb") as f:
-                f.write(data[:len(data) // 2])
+            data = Path(DATA, "RG1_J2KI.dcm").read_bytes()
+            Path(folder, "cut.dcm").write_bytes(data[:len(data) // 2])
             refused = krfilter("run", "reverse", os.path.join(folder, "cut.dcm"), os.path.join(folder, "no.dcm"))
             self.assertEqual(refused.returncode, 1)
             self.assertEqual(refused.stderr.count("\n"), 1, refused.stderr)
@@ -140,8 +136,8 @@ class DicomThroughTheTool(unittest.TestCase):
             result = krfilter("demo", folder, "--input", os.path.join(DATA, "cr-leg-10bit.png"), "--white", "1023")
             self.assertEqual(result.returncode, 0, result.stderr)
             self.assertIn("cr-leg-10bit.png 1760 x 1760, white 1023", result.stdout)
-            with open(os.path.join(folder, "index.html"), encoding="utf-8") as f:
-                self.assertIn("cr-leg-10bit.png, 1760 &times; 1760 samples, 16-bit, white level 1023", f.read())
+            self.assertIn("cr-leg-10bit.png, 1760 &times; 1760 samples, 16-bit, white level 1023",
+                          Path(folder, "index.html").read_text(encoding="utf-8"))
 
 
 if __name__ == "__main__":

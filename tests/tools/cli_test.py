@@ -8,7 +8,6 @@ libtiff code under test, and outputs are read back as uncompressed TIFF. A PNG
 output is read back by the tool itself: its PNG reader is checked on the PNG
 inputs written here."""
 
-import math
 import os
 import random
 import re
@@ -20,6 +19,7 @@ import sys
 import tempfile
 import unittest
 import zlib
+from pathlib import Path
 
 KRFILTER = None
 CATALOGUE = [
@@ -46,9 +46,8 @@ def write_png(path, rows, depth=16, sbit=None):
         return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
     raw = b"".join(b"\0" + pack(">", [row], depth) for row in rows)
     header = chunk(b"IHDR", struct.pack(">IIBBBBB", len(rows[0]), len(rows), depth, 0, 0, 0, 0))
-    with open(path, "wb") as f:
-        f.write(b"\x89PNG\r\n\x1a\n" + header + (chunk(b"sBIT", bytes([sbit])) if sbit else b"")
-                + chunk(b"IDAT", zlib.compress(raw)) + chunk(b"IEND", b""))
+    Path(path).write_bytes(b"\x89PNG\r\n\x1a\n" + header + (chunk(b"sBIT", bytes([sbit])) if sbit else b"")
+                           + chunk(b"IDAT", zlib.compress(raw)) + chunk(b"IEND", b""))
 
 
 def write_tiff(path, rows, bits=16, max_sample=None):
@@ -58,14 +57,12 @@ def write_tiff(path, rows, bits=16, max_sample=None):
             (278, len(rows)), (279, len(pixels))] + ([(281, max_sample)] if max_sample else [])
     pixel_offset = 8 + 2 + 12 * len(tags) + 4
     ifd = b"".join(struct.pack("<HHIHH", tag, 3, 1, pixel_offset if tag == 273 else value, 0) for tag, value in tags)
-    with open(path, "wb") as f:
-        f.write(b"II*\0" + struct.pack("<IH", 8, len(tags)) + ifd + b"\0" * 4 + pixels)
+    Path(path).write_bytes(b"II*\0" + struct.pack("<IH", 8, len(tags)) + ifd + b"\0" * 4 + pixels)
 
 
 def read_tiff(path):
     """(tags, rows) of an uncompressed little-endian grey TIFF in strips."""
-    with open(path, "rb") as f:
-        data = f.read()
+    data = Path(path).read_bytes()
     (ifd,) = struct.unpack_from("<I", data, 4)
     tags = {}
     for at in range(ifd + 2, ifd + 2 + 12 * struct.unpack_from("<H", data, ifd)[0], 12):
@@ -83,8 +80,7 @@ def read_tiff(path):
 
 def png_header(path):
     """Width, height, bit depth and colour type."""
-    with open(path, "rb") as f:
-        return struct.unpack(">IIBB", f.read(26)[16:])
+    return struct.unpack(">IIBB", Path(path).read_bytes()[16:26])
 
 
 def gradient(height, width, white):
@@ -110,8 +106,7 @@ class Cli(unittest.TestCase):
         return os.path.join(self.folder, name)
 
     def existing_output(self, name="out.png"):
-        with open(self.path(name), "wb") as f:
-            f.write(SENTINEL)
+        Path(self.path(name)).write_bytes(SENTINEL)
         return self.path(name)
 
     def run_ok(self, *args):
@@ -131,8 +126,7 @@ class Cli(unittest.TestCase):
 
     def assert_untouched(self, output, before):
         """`output` still holds the sentinel and the folder holds exactly `before`: no temporaries."""
-        with open(output, "rb") as f:
-            self.assertEqual(f.read(), SENTINEL)
+        self.assertEqual(Path(output).read_bytes(), SENTINEL)
         self.assertEqual(sorted(os.listdir(self.folder)), sorted(before))
 
     def test_list_and_info_show_the_catalogue(self):
@@ -208,15 +202,11 @@ class Cli(unittest.TestCase):
         self.run_ok("colorize", self.path("good.png"), self.path("rgb.tif"))
         noise = random.Random(7)  # too many bytes for the file size limit below, even compressed
         write_png(self.path("noise.png"), [[noise.randrange(4096) for _ in range(64)] for _ in range(64)], sbit=12)
-        with open(self.path("good.png"), "rb") as f:
-            png = f.read()
-        with open(self.path("good.tif"), "rb") as f:
-            tiff = f.read()
+        png, tiff = Path(self.path("good.png")).read_bytes(), Path(self.path("good.tif")).read_bytes()
         for name, data in {"empty.png": b"", "text.png": b"not an image\n", "cut.png": png[:len(png) // 2],
                            "bad-crc.png": png[:30] + bytes([png[30] ^ 0xFF]) + png[31:],
                            "cut.tif": tiff[:len(tiff) - 700]}.items():
-            with open(self.path(name), "wb") as f:
-                f.write(data)
+            Path(self.path(name)).write_bytes(data)
         output = self.existing_output()
         self.existing_output("out.tif")
         before = os.listdir(self.folder)
@@ -235,10 +225,6 @@ class Cli(unittest.TestCase):
                                     fragment)
         result = krfilter("run", "IsoDensity", self.path("good.png"), output)
         self.assert_refused(result, 1, "IsoDensity failed with code 1", "no pixel work", "was not written")
-        listing = [line.split() for line in krfilter("list").stdout.splitlines()[1:-1]]
-        for row in [row for row in listing if row[2] == "no"][:1]:
-            self.assert_refused(krfilter("run", row[1], self.path("good.png"), output), 1,
-                                "code -3", "this build of the library does not run the filter")
         self.assert_untouched(output, before)
         # Writing stops at the file size limit: the encoder's error must not cost the earlier output.
         for name in ["out.png", "out.tif"]:
@@ -257,6 +243,9 @@ class Cli(unittest.TestCase):
             ("in.tif", 16, 1023, [], 1023, "out.png"),
             ("in.tif", 8, 200, [], 200, "out.TIFF"),
             ("in.png", 8, None, [], 255, "out.png"),
+            ("in.png", 16, 16, [], 65535, "out.png"),
+            ("in.tif", 16, 1000, [], 1000, "out.png"),  # sBIT can only say 10 bits: read back as 1023
+            ("in.tif", 8, 100, [], 100, "out.png"),
         ]
         self.existing_output("out.tif")  # success replaces an earlier output
         for name, bits, recorded, options, white, output in cases:
@@ -279,15 +268,6 @@ class Cli(unittest.TestCase):
         self.assertEqual(sorted(os.listdir(self.folder)), ["back.tif", "in.png", "in.tif", "out.TIFF", "out.png",
                                                            "out.tif"])
 
-    def test_gamma_values_reach_the_filter(self):
-        white = 4095
-        rows = gradient(8, 16, white + 1000)  # some samples above white
-        write_png(self.path("in.png"), rows, sbit=12)
-        for options, curve in [(["Gamma=0.5"], lambda v: int(math.pow(v, 0.5) * math.pow(white, 0.5) + 0.5)),
-                               ([], lambda v: v)]:
-            self.run_ok("gamma", self.path("in.png"), self.path("out.tif"), *options)
-            self.assertEqual(read_tiff(self.path("out.tif"))[1], [[curve(min(v, white)) for v in row] for row in rows])
-
     def test_demo_writes_pictures_sheet_and_page(self):
         folder = self.path("demo")
         result = krfilter("demo", folder, "--size", "96")
@@ -295,8 +275,7 @@ class Cli(unittest.TestCase):
         self.assertIn("96 x 96, 16-bit, white 4095 (from PNG sBIT)", self.dry_run(os.path.join(folder, "input.png")))
         self.assertEqual(png_header(os.path.join(folder, "input-display.png"))[2], 8)
         self.assertEqual(png_header(os.path.join(folder, "contact-sheet.png"))[3], 2)  # RGB
-        with open(os.path.join(folder, "index.html"), encoding="utf-8") as f:
-            page = f.read()
+        page = Path(folder, "index.html").read_text(encoding="utf-8")
         self.assertIn("1: no pixel work done", page)
         outcomes = dict(re.findall(r"^  (\S+) +(.+)$", result.stdout, re.M))
         self.assertEqual(list(outcomes), CATALOGUE)

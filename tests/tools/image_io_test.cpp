@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <tuple>
 
 #include "file_test_folder.h"
 #include "phantom.h"
@@ -27,33 +26,6 @@ GreyImage phantom_image(int height, int width, int bit_depth, int white) {
     return image;
 }
 
-TEST_F(ImageFiles, RoundTripKeepsSamplesDepthAndWhiteLevel) {
-    struct Case {
-        const char* name;
-        int bit_depth;
-        int white;
-        int white_read;  // sBIT can only say "n significant bits"; MaxSampleValue is exact
-    };
-    const Case cases[] = {
-        {"a.png", 16, 4095, 4095}, {"b.png", 16, 1000, 1023}, {"c.png", 16, 65535, 65535},
-        {"d.png", 8, 100, 127},    {"e.tif", 16, 1000, 1000}, {"f.TIFF", 8, 200, 200},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const GreyImage written = phantom_image(37, 53, c.bit_depth, c.white);
-        // The demo's and the benchmarks' phantom stays within its white level.
-        EXPECT_LE(*std::max_element(written.samples.begin(), written.samples.end()), c.white);
-        ASSERT_EQ(write_grey_image(path(c.name), written), "");
-        GreyImage read;
-        WhiteSource source{};
-        ASSERT_EQ(read_grey_image(path(c.name), read, &source), "");
-        EXPECT_EQ(std::tie(read.height, read.width, read.bit_depth, read.white),
-                  std::tie(written.height, written.width, written.bit_depth, c.white_read));
-        EXPECT_EQ(source, c.name[2] == 'p' ? WhiteSource::png_sbit : WhiteSource::tiff_max_sample_value);
-        EXPECT_EQ(read.samples, written.samples);
-    }
-}
-
 TEST_F(ImageFiles, EightBitFilesClampSamplesAboveTheirRange) {
     const GreyImage image{2, 3, 8, 255, {0, 254, 255, 256, 4095, 65535}};
     for (const char* name : {"clamp.png", "clamp.tif"}) {
@@ -69,6 +41,8 @@ TEST_F(ImageFiles, EightBitFilesClampSamplesAboveTheirRange) {
 // libpng's and libtiff's error paths leak nothing.
 TEST_F(ImageFiles, EveryTruncationIsRefused) {
     const GreyImage image = phantom_image(24, 31, 16, 4095);
+    // The demo's and the benchmarks' phantom stays within its white level.
+    EXPECT_LE(*std::max_element(image.samples.begin(), image.samples.end()), 4095);
     for (const char* name : {"whole.png", "whole.tif"}) {
         ASSERT_EQ(write_grey_image(path(name), image), "");
         std::ifstream file(path(name), std::ios::binary);
@@ -99,21 +73,6 @@ TEST(DisplayVersion, MapsZeroToWhiteOntoEightBits) {
     EXPECT_EQ(std::tie(display.bit_depth, display.white), std::make_tuple(8, 255));
     // v × 255 / 1000, rounded half up; above white counts as white.
     EXPECT_EQ(display.samples, (std::vector<std::uint16_t>{0, 0, 1, 128, 255, 255}));
-}
-
-TEST_F(ImageFiles, RealRadiographSurvivesARoundTrip) {
-    const std::string source = std::string(KRFILTER_DATA_DIR) + "/cr-leg-10bit.png";
-    if (!fs::exists(source)) GTEST_SKIP() << source << " is not available";
-    GreyImage image, again;
-    WhiteSource origin{};
-    ASSERT_EQ(read_grey_image(source, image, &origin), "");
-    EXPECT_EQ(std::tie(image.height, image.width, origin), std::make_tuple(1760, 1760, WhiteSource::bit_depth));
-    EXPECT_LE(*std::max_element(image.samples.begin(), image.samples.end()), 1023);
-    image.white = 1023;
-    ASSERT_EQ(write_grey_image(path("leg.tif"), image), "");
-    ASSERT_EQ(read_grey_image(path("leg.tif"), again), "");
-    EXPECT_EQ(again.white, 1023);
-    EXPECT_EQ(again.samples, image.samples);
 }
 
 }  // namespace
