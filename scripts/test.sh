@@ -80,9 +80,9 @@ windows_under_wine() {
 threads() {
   cmake -S "$root" -B "$root/build-tsan" -DCMAKE_BUILD_TYPE=Release -DKRFILTER_TESTS=ON -DKRFILTER_TOOLS=OFF \
         -DKRFILTER_BENCH=OFF -DKRFILTER_SANITIZE=OFF -DKRFILTER_TSAN=ON &&
-    cmake --build "$root/build-tsan" -j"$jobs" --target krfilter_tests &&
-    TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1" \
-      "$root/build-tsan/tests/krfilter_tests" --gtest_filter='Threads.*' | tee "$logs/tsan.log"
+    cmake --build "$root/build-tsan" -j"$jobs" --target krfilter_thread_tests &&
+    ctest --test-dir "$root/build-tsan" -R threads_under_thread_sanitizer --output-on-failure --timeout 600 |
+      tee "$logs/tsan.log"
 }
 
 fuzzing() { "$root/scripts/fuzz.sh" | tee "$logs/fuzz.log"; }
