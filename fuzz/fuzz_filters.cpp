@@ -47,8 +47,13 @@ std::string pick_name(FuzzedDataProvider& data, const FILTERLIST*& entry) {
 }
 
 // Cost grows with these counts, not with the image: cap them so that one
-// input stays within milliseconds.
-bool iteration_like(const char* name) { return std::strcmp(name, "numIter") == 0; }
+// input stays within milliseconds. (Forty million histogram bins take seconds
+// and hundreds of megabytes, by design rather than by fault.)
+int largest_sensible(const char* name) {
+    if (std::strcmp(name, "numIter") == 0) return 40;
+    if (std::strcmp(name, "NBins") == 0) return 1 << 18;
+    return INT_MAX;
+}
 
 // One 8-byte slot per parameter, wide enough for any type a filter reads.
 void fill_parameter(FuzzedDataProvider& data, const FILTERPARAM& p, double* slot) {
@@ -73,7 +78,7 @@ void fill_parameter(FuzzedDataProvider& data, const FILTERPARAM& p, double* slot
         } else if (!std::isnan(value)) {
             v = static_cast<int>(std::fmax(INT_MIN, std::fmin(INT_MAX, value)));
         }
-        if (iteration_like(p.name)) v = std::min(v, 40);
+        v = std::min(v, largest_sensible(p.name));
         std::memcpy(slot, &v, sizeof v);
     } else if (p.type == PARAM_FLOAT) {
         const float v = std::fabs(value) > FLT_MAX && std::isfinite(value) ? (value > 0 ? FLT_MAX : -FLT_MAX)
