@@ -51,6 +51,7 @@ for i in "${!targets[@]}"; do
     echo "      $target: sanitizer report in the decoder's child process, input kept in $build/findings"
     code=1
   done
+  rm -f "$build"/krfilter-fuzz-*  # the readers' scratch files
   runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' | tail -1)
   runs=${runs:-0}
   executions=$(( executions + runs ))
