@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -53,9 +54,16 @@ std::vector<Radiograph> real_radiographs() {
         const std::string problem = krf::tools::read_grey_image(file.path().string(), grey);
         EXPECT_EQ(problem, "") << file.path();
         if (!problem.empty()) continue;
-        Radiograph r{file.path().filename().string(), Image(grey.height, grey.width), grey.white};
+        Radiograph r{file.path().filename().string(), Image(grey.height, grey.width), 0};
+        // These files carry no sBIT: their white level is the all-ones value
+        // of the bits their samples use (1023 for a 10-bit exposure), not 65535.
+        int brightest = 0;
         for (int row = 0; row < grey.height; ++row)
-            for (int c = 0; c < grey.width; ++c) r.image.at(row, c) = grey.row(row)[c];
+            for (int c = 0; c < grey.width; ++c) {
+                r.image.at(row, c) = grey.row(row)[c];
+                brightest = std::max(brightest, static_cast<int>(grey.row(row)[c]));
+            }
+        while (r.white < brightest) r.white = r.white * 2 + 1;
         found.push_back(std::move(r));
     }
     return found;
@@ -100,6 +108,8 @@ TEST(Soak, ResidentMemoryDoesNotGrowOverRounds) {
                 "highest later %.1f MiB\n",
                 rounds, krf::test::dispatched_filters().size(), radiographs.size(), seconds, after_first / mib,
                 highest / mib);
+    for (const Radiograph& r : radiographs)
+        std::printf("soak: %s %d x %d, white %d\n", r.name.c_str(), r.image.width(), r.image.height(), r.white);
     // A few pages of slack for the C library's own bookkeeping; a leak of
     // even one small buffer per call would pass this within a few rounds.
     EXPECT_LE(highest - after_first, 4 * 1024 * 1024) << "resident memory grew after the first round";
