@@ -11,7 +11,9 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libopencv-dev libpng-dev libtiff-dev
   # The tool's DICOM files and command line.
   libgdcm-dev libcli11-dev
-  g++-multilib g++-mingw-w64-x86-64 libclang-rt-14-dev
+  g++-multilib g++-mingw-w64-x86-64
+  # The fuzz targets: clang with libFuzzer and its sanitizer runtimes.
+  clang libclang-rt-14-dev
   # The Windows library run under Wine.
   wine wine64
   # The Python package, its tests and its batch runs; gdcm decodes JPEG 2000 DICOM.

@@ -7,7 +7,11 @@
 #   3. the library cross-compiled for Windows as krfilter.dll, with its
 #      export table checked;
 #   4. that DLL under Wine: a host program gives the same catalogue and the
-#      same output of every filter as on Linux, and the named semaphore holds.
+#      same output of every filter as on Linux, and the named semaphore holds;
+#   5. the thread tests built with ThreadSanitizer: every filter on two
+#      threads at once, and the named semaphore under many threads;
+#   6. the fuzz targets (libFuzzer, clang) for a bounded time, about a minute
+#      (KRFILTER_FUZZ_SECONDS=n for longer).
 # Every stage runs even when an earlier one failed; the last line says PASS
 # or FAIL, and the exit status is non-zero on any failure.
 # usage: scripts/test.sh            (JOBS=n to change the parallelism, default 2)
@@ -72,11 +76,24 @@ windows_under_wine() {
   esac
 }
 
+# Only the thread tests: ThreadSanitizer slows everything else down for nothing.
+threads() {
+  cmake -S "$root" -B "$root/build-tsan" -DCMAKE_BUILD_TYPE=Release -DKRFILTER_TESTS=ON -DKRFILTER_TOOLS=OFF \
+        -DKRFILTER_BENCH=OFF -DKRFILTER_SANITIZE=OFF -DKRFILTER_TSAN=ON &&
+    cmake --build "$root/build-tsan" -j"$jobs" --target krfilter_thread_tests &&
+    ctest --test-dir "$root/build-tsan" -R threads_under_thread_sanitizer --output-on-failure --timeout 600 |
+      tee "$logs/tsan.log"
+}
+
+fuzzing() { "$root/scripts/fuzz.sh" | tee "$logs/fuzz.log"; }
+
 stage "dependencies" "$root/scripts/install-deps.sh"
 stage "release build and tests" release
 stage "sanitizer build and tests" sanitized
 stage "Windows DLL cross-compile and exports" windows_dll
 windows_under_wine
+stage "ThreadSanitizer build and thread tests" threads
+stage "fuzzing" fuzzing
 
 echo
 echo "=== summary"
@@ -87,4 +104,4 @@ if [ $failed -ne 0 ]; then
   echo "test.sh: FAIL"
   exit 1
 fi
-echo "test.sh: PASS (release tests, sanitizer tests, Windows DLL exports and under Wine)"
+echo "test.sh: PASS (release tests, sanitizer tests, Windows DLL exports and under Wine, threads, fuzzing)"

@@ -19,6 +19,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "image_formats.h"
@@ -80,11 +82,33 @@ bool looks_like_dicom(FILE* file) {
 
 namespace {
 
+// The toolkit accepts a file that ends inside its uncompressed pixel data and
+// fills the missing samples with zeros (it says so only in a warning, which
+// release builds drop). Finds the Pixel Data header with this length, in
+// explicit or implicit little-endian form, and tells whether the file ends
+// before the value does. A file where no such header is found is left to the
+// toolkit's judgement.
+bool ends_inside_pixel_data(const std::string& path, std::uint32_t length) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    unsigned char size[4];
+    for (int i = 0; i < 4; ++i) size[i] = static_cast<unsigned char>(length >> (8 * i));
+    const std::string tag("\xe0\x7f\x10\x00", 4), size_bytes(reinterpret_cast<const char*>(size), 4);
+    const std::string headers[] = {tag + "OW" + std::string(2, '\0') + size_bytes,
+                                   tag + "OB" + std::string(2, '\0') + size_bytes, tag + size_bytes};
+    for (const std::string& header : headers) {
+        const std::size_t at = bytes.rfind(header);
+        if (at != std::string::npos) return bytes.size() - (at + header.size()) < length;
+    }
+    return false;
+}
+
 // The decoding proper, run in a child process by read_dicom.
 std::string decode(const std::string& path, GreyImage& image, gdcm::DataSet& attributes) {
     gdcm::ImageReader reader;
     reader.SetFileName(path.c_str());
-    if (!reader.Read()) {
+    const bool read = reader.Read();
+    if (!read) {
         const gdcm::DataSet& partial = reader.GetFile().GetDataSet();
         if (!partial.IsEmpty() && !partial.FindDataElement(kPixelData)) return "DICOM file without pixel data";
         return "corrupt, truncated or unsupported DICOM file";
@@ -118,6 +142,15 @@ std::string decode(const std::string& path, GreyImage& image, gdcm::DataSet& att
     const std::size_t count = static_cast<std::size_t>(dims[0]) * dims[1];
     const std::size_t bytes = count * static_cast<std::size_t>(allocated / 8);
     if (dicom.GetBufferLength() != bytes) return "DICOM pixel data of unexpected length";
+    // The buffer length above follows from the rows and columns alone; the
+    // element itself must hold that many bytes, or the toolkit would hand out
+    // samples the file does not have.
+    if (!dicom.GetTransferSyntax().IsEncapsulated()) {
+        const gdcm::ByteValue* stored = dataset.GetDataElement(kPixelData).GetByteValue();
+        if (stored == nullptr || stored->GetLength() < bytes)
+            return "DICOM pixel data shorter than its rows and columns need";
+        if (ends_inside_pixel_data(path, stored->GetLength())) return "truncated DICOM file (the pixel data ends early)";
+    }
     std::vector<char> buffer(bytes);
     if (!dicom.GetBuffer(buffer.data()))
         return std::string("cannot decode the DICOM pixel data (transfer syntax ") +

@@ -9,11 +9,13 @@ namespace krf {
 namespace {
 thread_local std::int64_t attempts = 0;
 thread_local std::int64_t fail_at = 0;
+thread_local bool keep_failing = false;
+thread_local std::int64_t live = 0;
 
 bool injected_fault() noexcept {
     ++attempts;
-    if (fail_at > 0 && attempts == fail_at) {
-        fail_at = 0;
+    if (fail_at > 0 && attempts >= fail_at && (keep_failing || attempts == fail_at)) {
+        if (!keep_failing) fail_at = 0;
         return true;
     }
     return false;
@@ -24,9 +26,16 @@ namespace testing {
 void fail_allocation(std::int64_t nth) noexcept {
     attempts = 0;
     fail_at = nth;
+    keep_failing = false;
+}
+void fail_allocations_from(std::int64_t nth) noexcept {
+    attempts = 0;
+    fail_at = nth;
+    keep_failing = nth > 0;
 }
 std::int64_t allocation_count() noexcept { return attempts; }
-bool allocation_fault_pending() noexcept { return fail_at > 0; }
+bool allocation_fault_pending() noexcept { return fail_at > 0 && attempts < fail_at; }
+std::int64_t live_blocks() noexcept { return live; }
 }  // namespace testing
 #else
 namespace {
@@ -47,9 +56,18 @@ void* zalloc(std::int64_t count, std::size_t elem_size) noexcept {
     std::size_t bytes = 0;
     if (!checked_size(count, elem_size, &bytes)) return nullptr;
     // calloc(0) may legally return nullptr; an empty request is not a failure.
-    return std::calloc(bytes == 0 ? 1 : bytes, 1);
+    void* block = std::calloc(bytes == 0 ? 1 : bytes, 1);
+#if defined(KRFILTER_FAULT_INJECTION)
+    if (block != nullptr) ++live;
+#endif
+    return block;
 }
 
-void zfree(void* block) noexcept { std::free(block); }
+void zfree(void* block) noexcept {
+#if defined(KRFILTER_FAULT_INJECTION)
+    if (block != nullptr) --live;
+#endif
+    std::free(block);
+}
 
 }  // namespace krf

@@ -48,13 +48,18 @@ private:
 
 #if defined(KRFILTER_FAULT_INJECTION)
 // Test builds only. fail_allocation(n): the n-th allocation from now on (1 =
-// the next one) fails; 0 disarms. allocation_count(): allocations attempted
-// since the last call of fail_allocation. Per thread, so parallel tests do not
-// disturb each other.
+// the next one) fails; 0 disarms. fail_allocations_from(n): the n-th and every
+// later one fail until disarmed, as when memory stays exhausted.
+// allocation_count(): allocations attempted since the last arming.
+// allocation_fault_pending(): armed and the n-th allocation not yet reached.
+// live_blocks(): blocks obtained and not yet freed. Per thread, so parallel
+// tests do not disturb each other.
 namespace testing {
 void fail_allocation(std::int64_t nth) noexcept;
+void fail_allocations_from(std::int64_t nth) noexcept;
 std::int64_t allocation_count() noexcept;
 bool allocation_fault_pending() noexcept;
+std::int64_t live_blocks() noexcept;
 }  // namespace testing
 #endif
 

@@ -1,0 +1,187 @@
+#!/usr/bin/env python3
+"""Damaged input files given to `krfilter run`: each is refused in one line
+naming the file, nothing is written, and the tool never dies of a signal.
+
+usage: damaged_files_test.py PATH_TO_KRFILTER DATA_DIR [unittest arguments]
+
+The damaged files are made here from small sound ones (written with zlib and
+struct, and a DICOM file the tool itself derives) and from the real DICOM
+radiographs in DATA_DIR: truncated, with wrong or huge sizes in their
+headers, empty, and with bits flipped at random."""
+
+import os
+import random
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import cli_test  # noqa: E402  (the sound PNG and TIFF writers)
+
+KRFILTER = None
+DATA = None
+
+
+def run(*args):
+    return subprocess.run([KRFILTER, *args], capture_output=True, text=True, timeout=300)
+
+
+def sound_rows(height=9, width=7, white=4095):
+    return [[(r * 97 + c * 31) % (white + 1) for c in range(width)] for r in range(height)]
+
+
+def png_chunk(kind, data):
+    import zlib
+    return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+
+
+def png_with_size(base, width, height):
+    """The IHDR rewritten with another size (and a valid CRC), the image data kept."""
+    ihdr_data = struct.pack(">II", width, height) + base[24:29]
+    return base[:8] + png_chunk(b"IHDR", ihdr_data) + base[33:]
+
+
+def tiff_with_tag(base, tag, value):
+    """Every SHORT entry of `tag` in the first directory set to `value`."""
+    data = bytearray(base)
+    ifd = struct.unpack_from("<I", data, 4)[0]
+    for i in range(struct.unpack_from("<H", data, ifd)[0]):
+        at = ifd + 2 + 12 * i
+        entry_tag, kind = struct.unpack_from("<HH", data, at)
+        if entry_tag == tag:
+            if kind == 3:
+                struct.pack_into("<H", data, at + 8, value & 0xFFFF)
+            else:
+                struct.pack_into("<I", data, at + 8, value)
+    return bytes(data)
+
+
+def dicom_with_short(base, group, element, value):
+    """The explicit-VR US element (group, element) set to `value`."""
+    needle = struct.pack("<HH", group, element) + b"US" + struct.pack("<H", 2)
+    at = base.index(needle)
+    return base[:at + 8] + struct.pack("<H", value) + base[at + 10:]
+
+
+class DamagedFiles(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        root = cls.folder.name
+        cls.png_path = os.path.join(root, "sound.png")
+        cls.tiff_path = os.path.join(root, "sound.tif")
+        cls.dicom_path = os.path.join(root, "sound.dcm")
+        cli_test.write_png(cls.png_path, sound_rows(), 16, sbit=12)
+        cli_test.write_tiff(cls.tiff_path, sound_rows(), 16, max_sample=4095)
+        made = run("run", "reverse", cls.png_path, cls.dicom_path)
+        assert made.returncode == 0, made.stderr
+        cls.sound = {}
+        for kind, path in (("png", cls.png_path), ("tif", cls.tiff_path), ("dcm", cls.dicom_path)):
+            with open(path, "rb") as f:
+                cls.sound[kind] = f.read()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.folder.cleanup()
+
+    def attempt(self, name, content):
+        """Runs the tool on `content`; returns (refused, result)."""
+        case = tempfile.mkdtemp(dir=self.folder.name)
+        source, target = os.path.join(case, name), os.path.join(case, "out", "result.png")
+        os.mkdir(os.path.dirname(target))
+        with open(source, "wb") as f:
+            f.write(content)
+        result = run("run", "reverse", source, target)
+        self.assertGreaterEqual(result.returncode, 0, "%s: killed by signal %d" % (name, -result.returncode))
+        self.assertIn(result.returncode, (0, 1), "%s: %s" % (name, result.stderr))
+        written = os.listdir(os.path.dirname(target))
+        if result.returncode == 1:
+            lines = result.stderr.strip().splitlines()
+            self.assertEqual(len(lines), 1, "%s: %r" % (name, result.stderr))
+            self.assertIn(name, lines[0])
+            self.assertEqual(written, [], "%s: refused but left %s" % (name, written))
+        else:
+            self.assertEqual(written, ["result.png"], name)
+        return result.returncode == 1, result
+
+    def expect_refused(self, name, content):
+        refused, result = self.attempt(name, content)
+        self.assertTrue(refused, "%s was accepted: %s" % (name, result.stdout + result.stderr))
+
+    def test_empty_files_are_refused(self):
+        for name in ("empty.png", "empty.tif", "empty.dcm"):
+            self.expect_refused(name, b"")
+
+    def test_truncated_files_are_refused(self):
+        for kind, data in self.sound.items():
+            # Cuts inside the signature, the header and the samples.
+            for length in sorted({4, 8, 20, 60, len(data) // 2, len(data) - 20}):
+                with self.subTest(kind=kind, length=length):
+                    self.expect_refused("cut-%d.%s" % (length, kind), data[:length])
+
+    def test_wrong_sizes_in_headers_are_refused(self):
+        png, tiff, dicom = self.sound["png"], self.sound["tif"], self.sound["dcm"]
+        cases = {
+            "png-taller.png": png_with_size(png, 7, 10), "png-wider.png": png_with_size(png, 8, 9),
+            "png-zero-width.png": png_with_size(png, 0, 9), "png-zero-height.png": png_with_size(png, 7, 0),
+            "tif-taller.tif": tiff_with_tag(tiff_with_tag(tiff, 257, 10), 278, 10),
+            "tif-wider.tif": tiff_with_tag(tiff, 256, 8), "tif-zero-width.tif": tiff_with_tag(tiff, 256, 0),
+            "dcm-taller.dcm": dicom_with_short(dicom, 0x0028, 0x0010, 10),
+            "dcm-wider.dcm": dicom_with_short(dicom, 0x0028, 0x0011, 8),
+            "dcm-zero-rows.dcm": dicom_with_short(dicom, 0x0028, 0x0010, 0),
+        }
+        for name, content in cases.items():
+            with self.subTest(name=name):
+                self.expect_refused(name, content)
+
+    def test_huge_declared_dimensions_are_refused(self):
+        png, tiff, dicom = self.sound["png"], self.sound["tif"], self.sound["dcm"]
+        cases = {
+            "png-huge.png": png_with_size(png, 0x7FFFFFFF, 0x7FFFFFFF),
+            "png-wide.png": png_with_size(png, 1000000, 1000000),
+            "tif-huge.tif": tiff_with_tag(tiff_with_tag(tiff, 256, 65535), 257, 65535),
+            "dcm-huge.dcm": dicom_with_short(dicom_with_short(dicom, 0x0028, 0x0010, 65535), 0x0028, 0x0011, 65535),
+        }
+        for name, content in cases.items():
+            with self.subTest(name=name):
+                self.expect_refused(name, content)
+
+    def test_flipped_bits_never_crash_the_tool(self):
+        # A flip may leave a readable image (a changed sample) or damage the
+        # file; either way the tool answers, and a refusal writes nothing.
+        generator = random.Random(5)
+        sources = dict(self.sound)
+        for real in sorted(os.listdir(DATA)):
+            if real.endswith(".dcm"):
+                with open(os.path.join(DATA, real), "rb") as f:
+                    sources["real-" + real] = f.read()
+        for kind, data in sources.items():
+            extension = kind.rsplit(".", 1)[-1]
+            # The real radiographs take a second each to decode: fewer attempts.
+            for attempt in range(4 if kind.startswith("real-") else 12):
+                damaged = bytearray(data)
+                # Mostly in the first kilobyte, where the headers are.
+                for _ in range(generator.randint(1, 4)):
+                    at = generator.randrange(min(len(data), 1024) if attempt % 3 else len(data))
+                    damaged[at] ^= 1 << generator.randrange(8)
+                with self.subTest(kind=kind, attempt=attempt):
+                    self.attempt("flip-%d.%s" % (attempt, extension), bytes(damaged))
+
+    def test_truncated_real_radiographs_are_refused(self):
+        for real in sorted(os.listdir(DATA)):
+            if not real.endswith(".dcm"):
+                continue
+            with open(os.path.join(DATA, real), "rb") as f:
+                data = f.read()
+            for length in (200, len(data) // 2):
+                with self.subTest(file=real, length=length):
+                    self.expect_refused("cut-%d-%s" % (length, real), data[:length])
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 3:
+        sys.exit(__doc__)
+    KRFILTER, DATA = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+    unittest.main(argv=[sys.argv[0]] + sys.argv[3:], verbosity=2)
