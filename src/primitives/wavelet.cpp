@@ -180,11 +180,20 @@ void weighted_sum_on_path(SumPath path, const float* const* terms, const float* 
 }
 }  // namespace testing
 
-PrimitiveStatus FilterColumnF32(const float* src, int srcStep, float* dst, int dstStep, Size size, const float* taps,
-                                int tapCount, int anchor) noexcept {
+namespace {
+// The checks both 16-tap filters make, in the order of every primitive.
+PrimitiveStatus check_filter_call(const float* src, const float* dst, Size size, const float* taps, int tapCount,
+                                  int anchor) noexcept {
     if (src == nullptr || dst == nullptr || taps == nullptr) return kNullPointer;
     if (size.width <= 0 || size.height <= 0) return kBadSize;
     if (!valid_filter(taps, tapCount, anchor)) return kBadArgument;
+    return kOk;
+}
+}  // namespace
+
+PrimitiveStatus FilterColumnF32(const float* src, int srcStep, float* dst, int dstStep, Size size, const float* taps,
+                                int tapCount, int anchor) noexcept {
+    if (const PrimitiveStatus s = check_filter_call(src, dst, size, taps, tapCount, anchor); s != kOk) return s;
     const float* terms[kWaveletTaps];
     for (int y = 0; y < size.height; ++y) {
         for (int k = 0; k < kWaveletTaps; ++k) terms[k] = row_at(src, srcStep, std::int64_t{y} + anchor - k);
@@ -195,9 +204,7 @@ PrimitiveStatus FilterColumnF32(const float* src, int srcStep, float* dst, int d
 
 PrimitiveStatus FilterRowF32(const float* src, int srcStep, float* dst, int dstStep, Size size, const float* taps,
                              int tapCount, int anchor) noexcept {
-    if (src == nullptr || dst == nullptr || taps == nullptr) return kNullPointer;
-    if (size.width <= 0 || size.height <= 0) return kBadSize;
-    if (!valid_filter(taps, tapCount, anchor)) return kBadArgument;
+    if (const PrimitiveStatus s = check_filter_call(src, dst, size, taps, tapCount, anchor); s != kOk) return s;
     const float* terms[kWaveletTaps];
     for (int y = 0; y < size.height; ++y) {
         const float* row = row_at(src, srcStep, y);
