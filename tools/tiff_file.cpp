@@ -34,10 +34,29 @@ struct TiffMessages {
     }
 };
 
+// Some of libtiff's messages span lines ("Tag InkNames:\n  Value 1 of ..."),
+// and a refusal is one line: line breaks and the indentation after them
+// become a single blank.
+void fold_into_one_line(char* text) {
+    char* out = text;
+    for (const char* in = text; *in != '\0'; ++in) {
+        if (*in == '\n' || *in == '\r') {
+            while (in[1] == ' ' || in[1] == '\t' || in[1] == '\n' || in[1] == '\r') ++in;
+            *out++ = ' ';
+        } else {
+            *out++ = *in;
+        }
+    }
+    *out = '\0';
+}
+
 // Returning 1 keeps libtiff from printing the message itself.
 int tiff_error_to_text(TIFF*, void* user, const char*, const char* format, va_list args) {
     auto* messages = static_cast<TiffMessages*>(user);
-    if (messages->error[0] == '\0') std::vsnprintf(messages->error, sizeof messages->error, format, args);
+    if (messages->error[0] == '\0') {
+        std::vsnprintf(messages->error, sizeof messages->error, format, args);
+        fold_into_one_line(messages->error);
+    }
     return 1;
 }
 
@@ -45,6 +64,7 @@ int tiff_warning_to_text(TIFF*, void* user, const char*, const char* format, va_
     auto* messages = static_cast<TiffMessages*>(user);
     char text[256];
     std::vsnprintf(text, sizeof text, format, args);
+    fold_into_one_line(text);
     if (messages->warning[0] == '\0') std::memcpy(messages->warning, text, sizeof text);
     if (messages->short_read[0] == '\0' && std::strstr(text, "IO error") != nullptr) {
         std::memcpy(messages->short_read, text, sizeof text);
