@@ -4,6 +4,11 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
 
 #include "phantom.h"
 #include "workload.h"
@@ -14,24 +19,74 @@ Raster::Raster(int h, int w) : height(h), width(w), samples(static_cast<std::siz
     for (int r = 0; r < h; ++r) rows[r] = samples.data() + static_cast<std::size_t>(r) * w;
 }
 
-const Raster& standard_input() {
-    static const Raster input = [] {
-        Raster r(kHeight, kWidth);
-        tools::synthesize_phantom(r.samples.data(), kHeight, kWidth, kWhite, 1);
-        return r;
-    }();
-    return input;
+Raster& Raster::operator=(Raster&& other) noexcept {
+    height = other.height;
+    width = other.width;
+    samples = std::move(other.samples);
+    rows.assign(static_cast<std::size_t>(height), nullptr);
+    for (int r = 0; r < height; ++r) rows[r] = samples.data() + static_cast<std::size_t>(r) * width;
+    return *this;
 }
+
+namespace {
+
+struct Workload {
+    std::string name = "phantom";
+    Raster raster{0, 0};
+    int white = 0;
+};
+
+Workload& chosen_workload() {
+    static Workload workload;
+    return workload;
+}
+
+// Builds the named input; an empty string on success, else what went wrong.
+std::string load_workload(const std::string& name) {
+    Workload& w = chosen_workload();
+    w.name = name;
+    if (name == "radiograph") {
+        tools::GreyImage image;
+        const std::string path = std::string(KRFILTER_DATA_DIR) + "/cr-leg-10bit.png";
+        if (std::string error = tools::read_grey_image(path, image); !error.empty()) return path + ": " + error;
+        w.raster = Raster(image.height, image.width);
+        std::copy(image.samples.begin(), image.samples.end(), w.raster.samples.begin());
+        // The file carries no significant-bits chunk; its samples are 10-bit.
+        w.white = 1023;
+        return {};
+    }
+    constexpr int kStandardHeight = 2500, kStandardWidth = 3000;
+    w.raster = Raster(kStandardHeight, kStandardWidth);
+    if (name == "phantom") {
+        w.white = 4095;
+        tools::synthesize_phantom(w.raster.samples.data(), kStandardHeight, kStandardWidth, w.white, 1);
+    } else if (name == "random12" || name == "random16") {
+        w.white = name == "random12" ? 4095 : 65535;
+        std::mt19937 generator(12345);
+        std::uniform_int_distribution<int> level(0, w.white);
+        for (std::uint16_t& s : w.raster.samples) s = static_cast<std::uint16_t>(level(generator));
+    } else {
+        return "unknown workload \"" + name + "\" (phantom, radiograph, random12, random16)";
+    }
+    return {};
+}
+
+}  // namespace
+
+const Raster& standard_input() { return chosen_workload().raster; }
+int input_height() { return chosen_workload().raster.height; }
+int input_width() { return chosen_workload().raster.width; }
+int input_white() { return chosen_workload().white; }
 
 int run_standard(const char* name, Raster& out, void** params) {
     Raster& in = const_cast<Raster&>(standard_input());
-    CKRImage input(in.rows.data(), in.height, in.width, kWhite);
-    CKRImage output(out.rows.data(), out.height, out.width, kWhite);
+    CKRImage input(in.rows.data(), in.height, in.width, input_white());
+    CKRImage output(out.rows.data(), out.height, out.width, input_white());
     return DoFilter(&input, &output, const_cast<char*>(name), params);
 }
 
 void time_standard(benchmark::State& state, const char* name, void** params) {
-    Raster out(kHeight, kWidth);
+    Raster out(input_height(), input_width());
     for (auto _ : state) {
         if (run_standard(name, out, params) != 0) state.SkipWithError("filter failed");
         benchmark::ClobberMemory();
@@ -47,7 +102,7 @@ std::vector<Case>& cases() {
 
 void memcpy_floor(benchmark::State& state) {
     const Raster& in = standard_input();
-    Raster out(kHeight, kWidth);
+    Raster out(input_height(), input_width());
     for (auto _ : state) {
         std::memcpy(out.samples.data(), in.samples.data(), in.samples.size() * sizeof(std::uint16_t));
         benchmark::ClobberMemory();
@@ -79,11 +134,99 @@ bool add(Case c) {
     return true;
 }
 
+
+namespace {
+
+struct TableRow {
+    std::string filter;
+    double ms;
+    double megapixels_per_second;
+    std::string peer;  // empty without a peer
+    double peer_ms;    // negative without a peer
+    double ratio_to_peer;
+    double ratio_to_memcpy;
+};
+
+std::string json_string(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') quoted += '\\';
+        quoted += c;
+    }
+    return quoted + "\"";
+}
+
+// CSV unless the name ends in .json.
+bool write_table(const std::string& path, const std::string& workload, double floor_ms,
+                 const std::vector<TableRow>& rows) {
+    std::FILE* file = std::fopen(path.c_str(), "w");
+    if (!file) return false;
+    const bool json = path.size() >= 5 && path.compare(path.size() - 5, 5, ".json") == 0;
+    if (json) {
+        std::fprintf(file, "{\n  \"workload\": %s,\n  \"height\": %d,\n  \"width\": %d,\n  \"white\": %d,\n",
+                     json_string(workload).c_str(), input_height(), input_width(), input_white());
+        std::fprintf(file, "  \"memcpy_ms\": %.4f,\n  \"filters\": [", floor_ms);
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            const TableRow& r = rows[i];
+            std::fprintf(file, "%s\n    {\"filter\": %s, \"ms\": %.4f, \"mpixel_per_s\": %.2f, ", i ? "," : "",
+                         json_string(r.filter).c_str(), r.ms, r.megapixels_per_second);
+            if (r.peer_ms > 0)
+                std::fprintf(file, "\"peer\": %s, \"peer_ms\": %.4f, \"ratio_to_peer\": %.4f, ",
+                             json_string(r.peer).c_str(), r.peer_ms, r.ratio_to_peer);
+            else std::fprintf(file, "\"peer\": null, \"peer_ms\": null, \"ratio_to_peer\": null, ");
+            std::fprintf(file, "\"ratio_to_memcpy\": %.4f}", r.ratio_to_memcpy);
+        }
+        std::fprintf(file, "\n  ]\n}\n");
+    } else {
+        std::fprintf(file, "workload,filter,ms,mpixel_per_s,peer,peer_ms,ratio_to_peer,ratio_to_memcpy\n");
+        std::fprintf(file, "%s,memcpy,%.4f,,,,,1\n", workload.c_str(), floor_ms);
+        for (const TableRow& r : rows) {
+            std::fprintf(file, "%s,\"%s\",%.4f,%.2f,", workload.c_str(), r.filter.c_str(), r.ms,
+                         r.megapixels_per_second);
+            if (r.peer_ms > 0) std::fprintf(file, "\"%s\",%.4f,%.4f,", r.peer.c_str(), r.peer_ms, r.ratio_to_peer);
+            else std::fprintf(file, ",,,");
+            std::fprintf(file, "%.4f\n", r.ratio_to_memcpy);
+        }
+    }
+    return std::fclose(file) == 0;
+}
+
+// Takes --NAME=VALUE out of argv (Google Benchmark refuses flags it does not know).
+std::string take_flag(int& argc, char** argv, const std::string& name, const std::string& fallback) {
+    const std::string prefix = "--" + name + "=";
+    std::string value = fallback;
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], prefix.c_str(), prefix.size()) == 0) value = argv[i] + prefix.size();
+        else argv[kept++] = argv[i];
+    }
+    argc = kept;
+    return value;
+}
+
+}  // namespace
 }  // namespace krf::bench
 
+// Besides Google Benchmark's own flags:
+//   --workload=phantom|radiograph|random12|random16   the input (see workload.h)
+//   --table_out=FILE.csv|FILE.json                    the summary table, also as a file
 int main(int argc, char** argv) {
     using namespace krf::bench;
+    const std::string workload = take_flag(argc, argv, "workload", "phantom");
+    const std::string table_path = take_flag(argc, argv, "table_out", "");
+    // The memcpy floor runs whatever the filter, since every ratio needs it.
+    std::string filter = take_flag(argc, argv, "benchmark_filter", "");
+    if (!filter.empty()) filter = "--benchmark_filter=floor/memcpy|" + filter;
+    std::vector<char*> arguments(argv, argv + argc);
+    if (!filter.empty()) arguments.push_back(filter.data());
+    argc = static_cast<int>(arguments.size());
+    argv = arguments.data();
     benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (const std::string error = load_workload(workload); !error.empty()) {
+        std::fprintf(stderr, "krfilter_bench: %s\n", error.c_str());
+        return 1;
+    }
     benchmark::RegisterBenchmark("floor/memcpy", memcpy_floor)->Unit(benchmark::kMillisecond)->UseRealTime();
     for (const Case& c : cases()) {
         benchmark::RegisterBenchmark(("krfilter/" + c.label).c_str(), c.filter)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -97,25 +240,35 @@ int main(int argc, char** argv) {
         benchmark::Shutdown();
         return 0;
     }
-    const double megapixels = static_cast<double>(kWidth) * kHeight / 1e6;
+    const double megapixels = static_cast<double>(input_width()) * input_height() / 1e6;
     const auto time_of = [&](const std::string& name) {
         auto it = reporter.best_ms.find(name);
         return it == reporter.best_ms.end() ? -1.0 : it->second;
     };
     const double floor_ms = time_of("floor/memcpy");
-    std::printf("\n%dx%d, white %d; memcpy of the raster: %.3f ms (best of the runs)\n", kWidth, kHeight, kWhite,
-                floor_ms);
-    std::printf("%-34s %10s %10s  %-30s %10s %9s %9s\n", "filter", "ms", "Mpixel/s", "peer", "peer ms", "/peer",
-                "/memcpy");
+    std::vector<TableRow> table;
     for (const Case& c : cases()) {
         const double ms = time_of("krfilter/" + c.label);
         if (ms < 0) continue;
         const double peer_ms = c.peer ? time_of("peer/" + c.label) : -1.0;
-        std::printf("%-34s %10.3f %10.1f  %-30s ", c.label.c_str(), ms, megapixels / (ms / 1e3),
-                    c.peer ? c.peer_label.c_str() : "-");
-        if (peer_ms > 0) std::printf("%10.3f %9.2f ", peer_ms, ms / peer_ms);
+        table.push_back({c.label, ms, megapixels / (ms / 1e3), peer_ms > 0 ? c.peer_label : std::string(), peer_ms,
+                         peer_ms > 0 ? ms / peer_ms : 0.0, floor_ms > 0 ? ms / floor_ms : 0.0});
+    }
+    std::printf("\n%s: %dx%d, white %d; memcpy of the raster: %.3f ms (best of the runs)\n", workload.c_str(),
+                input_width(), input_height(), input_white(), floor_ms);
+    std::printf("%-34s %10s %10s  %-30s %10s %9s %9s\n", "filter", "ms", "Mpixel/s", "peer", "peer ms", "/peer",
+                "/memcpy");
+    for (const TableRow& r : table) {
+        std::printf("%-34s %10.3f %10.1f  %-30s ", r.filter.c_str(), r.ms, r.megapixels_per_second,
+                    r.peer.empty() ? "-" : r.peer.c_str());
+        if (r.peer_ms > 0) std::printf("%10.3f %9.2f ", r.peer_ms, r.ratio_to_peer);
         else std::printf("%10s %9s ", "-", "-");
-        std::printf("%9.2f\n", floor_ms > 0 ? ms / floor_ms : 0.0);
+        std::printf("%9.2f\n", r.ratio_to_memcpy);
+    }
+    if (!table_path.empty() && !write_table(table_path, workload, floor_ms, table)) {
+        std::fprintf(stderr, "krfilter_bench: cannot write %s\n", table_path.c_str());
+        benchmark::Shutdown();
+        return 1;
     }
     benchmark::Shutdown();
     return 0;

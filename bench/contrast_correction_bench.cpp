@@ -27,7 +27,7 @@ struct Image {
 const Image& standard_image() {
     static const Image image = [] {
         const Raster& in = standard_input();
-        return Image{in.height, in.width, kWhite, in.samples};
+        return Image{in.height, in.width, input_white(), in.samples};
     }();
     return image;
 }

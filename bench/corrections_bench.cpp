@@ -42,7 +42,7 @@ private:
 
 void rain(benchmark::State& state) {
     const Raster& standard = standard_input();
-    Raster image(kHeight, kWidth), unused(kHeight, kWidth);
+    Raster image(input_height(), input_width()), unused(input_height(), input_width());
     double g0 = 0.02, ppoiss0 = 0.98;
     int estimation = 0;
     void* params[] = {&g0, &ppoiss0, &estimation};
@@ -52,8 +52,8 @@ void rain(benchmark::State& state) {
         state.PauseTiming();
         std::memcpy(image.samples.data(), standard.samples.data(), standard.samples.size() * sizeof(std::uint16_t));
         state.ResumeTiming();
-        CKRImage input(image.rows.data(), kHeight, kWidth, kWhite);
-        CKRImage output(unused.rows.data(), kHeight, kWidth, kWhite);
+        CKRImage input(image.rows.data(), input_height(), input_width(), input_white());
+        CKRImage output(unused.rows.data(), input_height(), input_width(), input_white());
         if (DoFilter(&input, &output, name, params) != 0) {
             state.SkipWithError("the filter returned an error");
             break;
@@ -65,8 +65,8 @@ void rain(benchmark::State& state) {
 // The 3 × 3 median is one stage of "rain"; the rest is the model.
 void opencv_median3(benchmark::State& state) {
     const Raster& in = standard_input();
-    const cv::Mat src(kHeight, kWidth, CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
-    cv::Mat dst(kHeight, kWidth, CV_16U);
+    const cv::Mat src(input_height(), input_width(), CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
+    cv::Mat dst(input_height(), input_width(), CV_16U);
     const int threads = cv::getNumThreads();
     cv::setNumThreads(1);
     for (auto _ : state) {
@@ -77,7 +77,7 @@ void opencv_median3(benchmark::State& state) {
 }
 
 void spine(benchmark::State& state, const char* name) {
-    Raster out(kHeight, kWidth);
+    Raster out(input_height(), input_width());
     int half_size = 0, strength = 60;
     float metal_threshold = 0.98f;
     void* params[] = {&half_size, std::strcmp(name, "SpineCompensation3") == 0 ? static_cast<void*>(&metal_threshold)

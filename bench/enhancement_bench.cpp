@@ -12,7 +12,7 @@ namespace {
 
 std::function<void(benchmark::State&)> gaussian_case(int kernel, float sigma) {
     return [kernel, sigma](benchmark::State& state) {
-        Raster out(kHeight, kWidth);
+        Raster out(input_height(), input_width());
         int k = kernel;
         float s = sigma;
         void* params[] = {&k, &s};
@@ -27,8 +27,8 @@ std::function<void(benchmark::State&)> gaussian_peer(int kernel, double sigma) {
     return [kernel, sigma](benchmark::State& state) {
         cv::setNumThreads(1);
         const Raster& in = standard_input();
-        const cv::Mat src(kHeight, kWidth, CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
-        cv::Mat out(kHeight, kWidth, CV_16U);
+        const cv::Mat src(input_height(), input_width(), CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
+        cv::Mat out(input_height(), input_width(), CV_16U);
         for (auto _ : state) {
             cv::GaussianBlur(src, out, cv::Size(kernel, kernel), sigma, sigma, cv::BORDER_REPLICATE);
             benchmark::ClobberMemory();
@@ -39,7 +39,7 @@ std::function<void(benchmark::State&)> gaussian_peer(int kernel, double sigma) {
 // The demo's settings: mean window 15, deviation window 7, the catalogue's
 // Gaussian (31 taps, sigma 7).
 void rum_case(benchmark::State& state) {
-    Raster out(kHeight, kWidth);
+    Raster out(input_height(), input_width());
     float intensity = 2, sigma = 7;
     int smoothing = 15, deviation = 7, peak = 2000, offset = 0, gauss = 31;
     void* params[] = {&intensity, &smoothing, &deviation, &peak, &offset, &gauss, &sigma};

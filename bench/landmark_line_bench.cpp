@@ -22,7 +22,7 @@ void gammaporion(benchmark::State& state) {
 // The default template (discs of 19 and 38 pixels here) as a zero-sum kernel:
 // +1 / disc count inside, -1 / ring count in the ring.
 void landmark_search_peer(benchmark::State& state) {
-    const tone::LandmarkTemplate shape = tone::landmark_template(kHeight, kWidth, 0, 0);
+    const tone::LandmarkTemplate shape = tone::landmark_template(input_height(), input_width(), 0, 0);
     const int outer = static_cast<int>(shape.outer), side = 2 * outer + 1;
     cv::Mat kernel(side, side, CV_32F, cv::Scalar(0));
     int disc = 0, ring = 0;
@@ -54,14 +54,14 @@ void landmark_search_peer(benchmark::State& state) {
 }
 
 void supereq(benchmark::State& state) {
-    int line = tools::phantom_defective_row(kHeight), prev = 0, post = 0, tile = 64;
+    int line = tools::phantom_defective_row(input_height()), prev = 0, post = 0, tile = 64;
     double factor = 0;
     void* p[] = {&line, &prev, &post, &tile, &factor};
     time_standard(state, "supereq", p);
 }
 
 void supereq_pre(benchmark::State& state) {
-    int line = tools::phantom_defective_row(kHeight), prev = 0, post = 0, tile = 64;
+    int line = tools::phantom_defective_row(input_height()), prev = 0, post = 0, tile = 64;
     int roi_width = 0, roi_height = 0, roi_v = 0, roi_h = 0, percentile = 50, enable_post = 1;
     double factor = 0;
     void* p[] = {&line, &prev, &post, &tile, &factor, &roi_width,

@@ -32,7 +32,7 @@ struct ParamBlock {
 
 std::function<void(benchmark::State&)> filter_case(const char* name, ParamBlock params) {
     return [name, params](benchmark::State& state) mutable {
-        Raster out(kHeight, kWidth);
+        Raster out(input_height(), input_width());
         for (auto _ : state) {
             if (run_standard(name, out, params.data()) != 0) state.SkipWithError("filter failed");
             benchmark::ClobberMemory();
@@ -42,14 +42,14 @@ std::function<void(benchmark::State&)> filter_case(const char* name, ParamBlock 
 
 cv::Mat standard_mat() {
     const Raster& in = standard_input();
-    return cv::Mat(kHeight, kWidth, CV_16U, const_cast<std::uint16_t*>(in.samples.data())).clone();
+    return cv::Mat(input_height(), input_width(), CV_16U, const_cast<std::uint16_t*>(in.samples.data())).clone();
 }
 
 std::function<void(benchmark::State&)> blur_peer(int side) {
     return [side](benchmark::State& state) {
         cv::setNumThreads(1);
         const cv::Mat in = standard_mat();
-        cv::Mat out(kHeight, kWidth, CV_16U);
+        cv::Mat out(input_height(), input_width(), CV_16U);
         for (auto _ : state) {
             cv::blur(in, out, cv::Size(side, side), cv::Point(-1, -1), cv::BORDER_REPLICATE);
             benchmark::ClobberMemory();
@@ -60,12 +60,12 @@ std::function<void(benchmark::State&)> blur_peer(int side) {
 void unsharp_peer(benchmark::State& state) {
     cv::setNumThreads(1);
     const cv::Mat in = standard_mat();
-    cv::Mat mean(kHeight, kWidth, CV_16U), out(kHeight, kWidth, CV_16U);
+    cv::Mat mean(input_height(), input_width(), CV_16U), out(input_height(), input_width(), CV_16U);
     const double k = 3.0;
     for (auto _ : state) {
         cv::blur(in, mean, cv::Size(5, 5), cv::Point(-1, -1), cv::BORDER_REPLICATE);
         cv::addWeighted(in, 1.0 + k, mean, -k, 0.0, out);
-        cv::min(out, kWhite, out);
+        cv::min(out, input_white(), out);
         benchmark::ClobberMemory();
     }
 }
@@ -73,12 +73,12 @@ void unsharp_peer(benchmark::State& state) {
 void emboss_peer(benchmark::State& state) {
     cv::setNumThreads(1);
     const cv::Mat in = standard_mat();
-    cv::Mat out(kHeight, kWidth, CV_16U);
+    cv::Mat out(input_height(), input_width(), CV_16U);
     const float k = 5, h = 2;
     const cv::Mat kernel = (cv::Mat_<float>(3, 3) << -k, -h, 0, -h, 1, h, 0, h, k);
     for (auto _ : state) {
         cv::filter2D(in, out, CV_16U, kernel, cv::Point(-1, -1), 0, cv::BORDER_CONSTANT);
-        cv::min(out, kWhite, out);
+        cv::min(out, input_white(), out);
         benchmark::ClobberMemory();
     }
 }
@@ -88,7 +88,7 @@ std::function<void(benchmark::State&)> bilateral_peer(int diameter, double sigma
         cv::setNumThreads(1);
         cv::Mat in;
         standard_mat().convertTo(in, CV_32F);
-        cv::Mat out(kHeight, kWidth, CV_32F);
+        cv::Mat out(input_height(), input_width(), CV_32F);
         for (auto _ : state) {
             cv::bilateralFilter(in, out, diameter, 1300.0, sigma, cv::BORDER_REPLICATE);
             benchmark::ClobberMemory();
@@ -100,7 +100,7 @@ std::function<void(benchmark::State&)> bilateral_peer(int diameter, double sigma
 // conduction table, and the update sample by sample in the stated order.
 void plain_diffusion(benchmark::State& state) {
     const Raster& in = standard_input();
-    const int w = kWidth, h = kHeight, white = kWhite, passes = 10;
+    const int w = input_width(), h = input_height(), white = input_white(), passes = 10;
     const double lambda = 0.1, k = (2 * white + 1) / 6.0;
     for (auto _ : state) {
         std::vector<double> g(2 * white + 1);

@@ -14,7 +14,7 @@ namespace krf::bench {
 namespace {
 
 void run_filter(benchmark::State& state, const char* name, int window) {
-    Raster out(kHeight, kWidth);
+    Raster out(input_height(), input_width());
     int value = window;
     void* params[] = {&value};
     for (auto _ : state) {
@@ -29,7 +29,7 @@ void run_filter(benchmark::State& state, const char* name, int window) {
 // The phantom's noise falls with the level, as the switching median's noise
 // model expects, so the filter does its full work and replaces the specks.
 void run_switching_median(benchmark::State& state) {
-    Raster out(kHeight, kWidth);
+    Raster out(input_height(), input_width());
     char name[] = "SMF";
     for (auto _ : state) {
         if (run_standard(name, out, nullptr) != 0) {
@@ -51,8 +51,8 @@ private:
 
 void opencv_median_16u(benchmark::State& state, int window) {
     const Raster& in = standard_input();
-    const cv::Mat src(kHeight, kWidth, CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
-    cv::Mat dst(kHeight, kWidth, CV_16U);
+    const cv::Mat src(input_height(), input_width(), CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
+    cv::Mat dst(input_height(), input_width(), CV_16U);
     SingleThreadedOpenCv one_thread;
     for (auto _ : state) {
         cv::medianBlur(src, dst, window);
@@ -62,10 +62,10 @@ void opencv_median_16u(benchmark::State& state, int window) {
 
 void opencv_median_8u(benchmark::State& state, int window) {
     const Raster& in = standard_input();
-    const cv::Mat src16(kHeight, kWidth, CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
+    const cv::Mat src16(input_height(), input_width(), CV_16U, const_cast<std::uint16_t*>(in.samples.data()));
     cv::Mat src;
     src16.convertTo(src, CV_8U, 1.0 / 16.0);
-    cv::Mat dst(kHeight, kWidth, CV_8U);
+    cv::Mat dst(input_height(), input_width(), CV_8U);
     SingleThreadedOpenCv one_thread;
     for (auto _ : state) {
         cv::medianBlur(src, dst, window);

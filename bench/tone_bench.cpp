@@ -20,18 +20,18 @@ cv::Mat standard_mat() {
 // The standard input scaled to 8 bits the way "colorize" scales it.
 cv::Mat standard_mat_8bit() {
     cv::Mat eight;
-    standard_mat().convertTo(eight, CV_8U, 255.0 / kWhite);
+    standard_mat().convertTo(eight, CV_8U, 255.0 / input_white());
     return eight;
 }
 
 void bare_applier(benchmark::State& state) {
     const Raster& in = standard_input();
-    Raster out(kHeight, kWidth);
-    std::vector<Sample> table(kWhite + 1);
-    for (int i = 0; i <= kWhite; ++i) table[i] = static_cast<Sample>(kWhite - i);
+    Raster out(input_height(), input_width());
+    std::vector<Sample> table(input_white() + 1);
+    for (int i = 0; i <= input_white(); ++i) table[i] = static_cast<Sample>(input_white() - i);
     auto src = const_cast<Rows>(in.rows.data());
     for (auto _ : state) {
-        tone::apply_table(src, out.rows.data(), kHeight, kWidth, kWhite, table.data());
+        tone::apply_table(src, out.rows.data(), input_height(), input_width(), input_white(), table.data());
         benchmark::ClobberMemory();
     }
 }
@@ -71,8 +71,8 @@ void colorize(benchmark::State& state) {
     Raster& in = const_cast<Raster&>(standard_input());
     // One image across runs: its RGB buffer is made once, like the peer's
     // output matrix, so both sides write into memory that is already mapped.
-    CKRImage input(in.rows.data(), in.height, in.width, kWhite);
-    CKRImage output(in.rows.data(), in.height, in.width, kWhite);
+    CKRImage input(in.rows.data(), in.height, in.width, input_white());
+    CKRImage output(in.rows.data(), in.height, in.width, input_white());
     for (auto _ : state) {
         benchmark::DoNotOptimize(DoFilter(&input, &output, const_cast<char*>("colorize"), nullptr));
         benchmark::ClobberMemory();
@@ -83,7 +83,7 @@ void colorize_peer(benchmark::State& state) {
     const cv::Mat in = standard_mat();
     cv::Mat eight, rgb;
     for (auto _ : state) {
-        in.convertTo(eight, CV_8U, 255.0 / kWhite);
+        in.convertTo(eight, CV_8U, 255.0 / input_white());
         cv::applyColorMap(eight, rgb, cv::COLORMAP_JET);
         benchmark::ClobberMemory();
     }
@@ -110,7 +110,7 @@ void reverse_peer(benchmark::State& state) {
     const cv::Mat in = standard_mat();
     cv::Mat out(in.size(), in.type());
     for (auto _ : state) {
-        cv::subtract(cv::Scalar(kWhite), in, out);
+        cv::subtract(cv::Scalar(input_white()), in, out);
         benchmark::ClobberMemory();
     }
 }

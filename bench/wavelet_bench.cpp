@@ -27,7 +27,7 @@ float thresholds[4] = {0.2f, 0.5f, 2.0f, 4.0f};  // the catalogue's defaults
 
 void shrinkage(benchmark::State& state, const char* name) {
     void* p[] = {&thresholds[0], &thresholds[1], &thresholds[2], &thresholds[3]};
-    Raster out(kHeight, kWidth);
+    Raster out(input_height(), input_width());
     for (auto _ : state) {
         benchmark::DoNotOptimize(run_standard(name, out, p));
         benchmark::ClobberMemory();
@@ -60,7 +60,8 @@ public:
             dup2(up[1], 1);
             close(down[1]);
             close(up[0]);
-            const std::string h = std::to_string(kHeight), w = std::to_string(kWidth), white = std::to_string(kWhite);
+            const std::string h = std::to_string(input_height()), w = std::to_string(input_width());
+            const std::string white = std::to_string(input_white());
             // Debian's interpreter, where python3-pywt installs the module.
             execl("/usr/bin/python3", "python3", script.c_str(), raster_.c_str(), h.c_str(), w.c_str(),
                   white.c_str(), static_cast<char*>(nullptr));
@@ -108,9 +109,9 @@ double peak_resident_mib_of_one_run() {
     const fs::path tool = fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "krfilter";
     const fs::path folder = scratch_folder();
     tools::GreyImage image;
-    image.height = kHeight;
-    image.width = kWidth;
-    image.white = kWhite;
+    image.height = input_height();
+    image.width = input_width();
+    image.white = input_white();
     image.samples = standard_input().samples;
     const fs::path in = folder / "standard.png", out = folder / "smoothed.png";
     if (!tools::write_grey_image(in, image).empty()) return -1.0;

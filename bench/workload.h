@@ -12,21 +12,27 @@
 
 namespace krf::bench {
 
-constexpr int kWidth = 3000;
-constexpr int kHeight = 2500;
-constexpr int kWhite = 4095;
-
 // A raster with contiguous samples and row pointers into them.
 struct Raster {
     Raster(int height, int width);
+    Raster(const Raster&) = delete;
+    Raster& operator=(Raster&& other) noexcept;  // keeps the row pointers on the moved samples
     int height;
     int width;
     std::vector<std::uint16_t> samples;
     std::vector<std::uint16_t*> rows;
 };
 
-// The 3000 × 2500 phantom with white level 4095, made once.
+// The input every case runs on, chosen with --workload=NAME:
+//   phantom     the standard 3000 × 2500 synthetic radiograph, white 4095 (default)
+//   radiograph  the real computed radiograph cr-leg-10bit.png, 1760 × 1760, white 1023
+//   random12    3000 × 2500 uniform random samples, white 4095
+//   random16    3000 × 2500 uniform random samples over the full 16 bits, white 65535
+// Made once; the peers and the memcpy floor use the same raster.
 const Raster& standard_input();
+int input_height();
+int input_width();
+int input_white();
 
 // Runs the named filter once through DoFilter on the standard input.
 int run_standard(const char* name, Raster& out, void** params);
