@@ -60,14 +60,16 @@ TEST(Robustness, EveryFilterSurvivesDegenerateImagesAndExtremeParameters) {
         for (const FILTERPARAM* p = entry->params; std::strcmp(p->name, "#") != 0; ++p) params.push_back(p);
         krf::test::CatalogueParameters defaults(*entry, krf::test::ParameterChoice::defaults);
         for (const auto& size : sizes)
-            for (const int white : whites) run_twice_and_compare(name, size[0], size[1], white, defaults.data(), random);
+            for (const int white : whites)
+                run_twice_and_compare(name, size[0], size[1], white, defaults.data(), random);
         // One parameter at a time at its extremes, the others at their defaults.
         for (std::size_t k = 0; k < params.size(); ++k) {
             for (const double value : extremes_for(*params[k])) {
                 krf::test::CatalogueParameters slots(*entry, krf::test::ParameterChoice::defaults);
                 slots.set(k, value);
                 // Sizes paired with white levels, including the degenerate 0 and 1.
-                for (const auto& [height, width, white] : {std::tuple{1, 1, 4095}, {2, 2, 0}, {6, 5, 1}, {11, 13, 4095}})
+                for (const auto& [height, width, white] :
+                     {std::tuple{1, 1, 4095}, {2, 2, 0}, {6, 5, 1}, {11, 13, 4095}})
                     run_twice_and_compare(name, height, width, white, slots.data(), random);
             }
         }

@@ -53,7 +53,8 @@ public:
     void set(std::size_t k, double value) {
         slots_[k] = 0.0;
         if (types_[k] == PARAM_INT) {
-            const int v = std::isnan(value) ? 0 : static_cast<int>(std::fmax(INT_MIN, std::fmin(INT_MAX, value)));
+            const double saturated = std::fmax(INT_MIN, std::fmin(INT_MAX, value));
+            const int v = std::isnan(value) ? 0 : static_cast<int>(saturated);
             std::memcpy(&slots_[k], &v, sizeof v);
         } else if (types_[k] == PARAM_FLOAT) {
             const float v = static_cast<float>(value);
