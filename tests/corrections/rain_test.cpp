@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "corrections/corrections_testing.h"
+#include "support/radiographs.h"
 #include "corrections/rain.h"
 #include "platform/memory.h"
 
@@ -26,11 +26,7 @@ int run_rain(Image& image, Image& out, int white, double g0 = 0.02, double ppois
 // enough to run in a blink.
 Image chest_crop(int height = 120, int width = 600) {
     static const Image chest = presented_radiograph("cr-15bit.png", 32767);
-    Image crop(height, width);
-    if (chest.height() < 1020 || chest.width() < 1200) return crop;  // unreadable: the failure is recorded
-    for (int r = 0; r < crop.height(); ++r)
-        for (int c = 0; c < crop.width(); ++c) crop.at(r, c) = chest.at(900 + r, 600 + c);
-    return crop;
+    return crop(chest, 900, 600, height, width);
 }
 
 Sample median_of_neighbourhood(const Image& image, int r, int c) {
@@ -94,10 +90,7 @@ TEST(Rain, RefusesAnotherParameterClass) {
 }
 
 TEST(Rain, AllocationFailuresLeaveTheOutputAloneAndTheImageAsDocumented) {
-    const Image small = chest_crop(45, 360);
-    Image inverted = small;
-    for (int r = 0; r < 45; ++r)
-        for (int c = 0; c < 360; ++c) inverted.at(r, c) = static_cast<Sample>(32767 - small.at(r, c));
+    const Image small = chest_crop(45, 360), small_inverted = inverted(small, 32767);
     int attempt = 0;
     expect_clean_allocation_failures(
         [&](Image& out) {
@@ -106,7 +99,7 @@ TEST(Rain, AllocationFailuresLeaveTheOutputAloneAndTheImageAsDocumented) {
             const int code = run_rain(image, out, 32767);
             // The two range arrays come before the inversion; after it, a
             // failure leaves the image inverted.
-            if (code != 0) EXPECT_TRUE(image == (attempt <= 2 ? small : inverted)) << "allocation " << attempt;
+            if (code != 0) EXPECT_TRUE(image == (attempt <= 2 ? small : small_inverted)) << "allocation " << attempt;
             return code;
         },
         45, 360, {1007100, 1007160, 1007210});

@@ -6,14 +6,11 @@
 #include <vector>
 
 #include "krfilter/krfilter.h"
+#include "support/filter_sweep.h"
 
 namespace {
 
-const FILTERLIST* find(const char* name) {
-    for (const FILTERLIST* f = filterlist; std::strcmp(f->name, "#") != 0; ++f)
-        if (std::strcmp(f->name, name) == 0) return f;
-    return nullptr;
-}
+const FILTERLIST* find(const char* name) { return krf::test::catalogue_entry_named(name); }
 
 std::vector<const FILTERPARAM*> params_of(const char* name) {
     std::vector<const FILTERPARAM*> out;

@@ -9,39 +9,16 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "interface/dispatch.h"
+#include "support/filter_sweep.h"
 #include "support/test_images.h"
 
 namespace {
 
 using krf::test::Image;
-
-const FILTERLIST* catalogue_entry(const char* name) {
-    for (const FILTERLIST* f = filterlist; std::strcmp(f->name, "#") != 0; ++f)
-        if (std::strcmp(f->name, name) == 0) return f;
-    return nullptr;
-}
-
-// One 8-byte slot per parameter, so that a value read with a wider type than
-// the catalogue's (as "bilateral_filter" does) stays inside the slot.
-struct ParamSlots {
-    std::vector<double> storage;
-    std::vector<void*> pointers;
-    void set(int k, ParamType type, double value) {
-        storage[k] = 0.0;
-        if (type == PARAM_INT) {
-            const int v = std::isnan(value) ? 0 : static_cast<int>(std::fmax(INT_MIN, std::fmin(INT_MAX, value)));
-            std::memcpy(&storage[k], &v, sizeof v);
-        } else if (type == PARAM_FLOAT) {
-            const float v = static_cast<float>(value);
-            std::memcpy(&storage[k], &v, sizeof v);
-        } else {
-            storage[k] = value;
-        }
-    }
-};
 
 std::vector<double> extremes_for(const FILTERPARAM& p) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
@@ -54,8 +31,7 @@ std::vector<double> extremes_for(const FILTERPARAM& p) {
     return {nan, inf, -inf, -1e9, -1.0, -0.5, 0.0, 1e-300, 0.1, 0.5, 1.0, 1.5, 2.0, 7.0, 1e9};
 }
 
-void run_twice_and_compare(const char* name, int height, int width, int white, ParamSlots& slots,
-                           std::mt19937& random) {
+void run_twice_and_compare(const char* name, int height, int width, int white, void** params, std::mt19937& random) {
     Image in(height, width);
     for (int r = 0; r < height; ++r)
         for (int c = 0; c < width; ++c) {
@@ -64,10 +40,8 @@ void run_twice_and_compare(const char* name, int height, int width, int white, P
         }
     Image in2 = in;
     Image out1(height, width, krf::test::kMarker), out2(height, width, krf::test::kMarker);
-    slots.pointers.clear();
-    for (double& v : slots.storage) slots.pointers.push_back(&v);
-    const int code1 = krf::test::run_filter(name, in, out1, white, slots.pointers.data());
-    const int code2 = krf::test::run_filter(name, in2, out2, white, slots.pointers.data());
+    const int code1 = krf::test::run_filter(name, in, out1, white, params);
+    const int code2 = krf::test::run_filter(name, in2, out2, white, params);
     EXPECT_EQ(code1, code2) << name << " " << height << "x" << width << " white " << white;
     EXPECT_TRUE(out1 == out2) << name << " is not deterministic on " << height << "x" << width;
     EXPECT_TRUE(in == in2) << name;
@@ -80,26 +54,23 @@ TEST(Robustness, EveryFilterSurvivesDegenerateImagesAndExtremeParameters) {
     const int whites[] = {0, 1, 255, 4095, 65535};
     for (std::size_t i = 0; i < krf::dispatch_table_size; ++i) {
         const char* name = krf::dispatch_table[i].name;
-        const FILTERLIST* entry = catalogue_entry(name);
+        const FILTERLIST* entry = krf::test::catalogue_entry_named(name);
         ASSERT_NE(entry, nullptr);
         std::vector<const FILTERPARAM*> params;
         for (const FILTERPARAM* p = entry->params; std::strcmp(p->name, "#") != 0; ++p) params.push_back(p);
-        ParamSlots defaults;
-        defaults.storage.assign(params.size() + 1, 0.0);
-        for (std::size_t k = 0; k < params.size(); ++k) defaults.set(static_cast<int>(k), params[k]->type, params[k]->def);
-
+        krf::test::CatalogueParameters defaults(*entry, krf::test::ParameterChoice::defaults);
         for (const auto& size : sizes)
-            for (const int white : whites) run_twice_and_compare(name, size[0], size[1], white, defaults, random);
+            for (const int white : whites)
+                run_twice_and_compare(name, size[0], size[1], white, defaults.data(), random);
         // One parameter at a time at its extremes, the others at their defaults.
         for (std::size_t k = 0; k < params.size(); ++k) {
             for (const double value : extremes_for(*params[k])) {
-                ParamSlots slots = defaults;
-                slots.set(static_cast<int>(k), params[k]->type, value);
+                krf::test::CatalogueParameters slots(*entry, krf::test::ParameterChoice::defaults);
+                slots.set(k, value);
                 // Sizes paired with white levels, including the degenerate 0 and 1.
-                run_twice_and_compare(name, 1, 1, 4095, slots, random);
-                run_twice_and_compare(name, 2, 2, 0, slots, random);
-                run_twice_and_compare(name, 6, 5, 1, slots, random);
-                run_twice_and_compare(name, 11, 13, 4095, slots, random);
+                for (const auto& [height, width, white] :
+                     {std::tuple{1, 1, 4095}, {2, 2, 0}, {6, 5, 1}, {11, 13, 4095}})
+                    run_twice_and_compare(name, height, width, white, slots.data(), random);
             }
         }
     }

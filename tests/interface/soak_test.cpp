@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "image_io.h"
 #include "support/filter_sweep.h"
+#include "support/radiographs.h"
 #include "support/test_images.h"
 
 namespace {
@@ -50,19 +50,11 @@ std::vector<Radiograph> real_radiographs() {
     std::vector<Radiograph> found;
     for (const auto& file : std::filesystem::directory_iterator(KRFILTER_DATA_DIR)) {
         if (file.path().extension() != ".png") continue;
-        krf::tools::GreyImage grey;
-        const std::string problem = krf::tools::read_grey_image(file.path().string(), grey);
-        EXPECT_EQ(problem, "") << file.path();
-        if (!problem.empty()) continue;
-        Radiograph r{file.path().filename().string(), Image(grey.height, grey.width), 0};
+        Radiograph r{file.path().filename().string(), krf::test::radiograph(file.path().filename().string()), 0};
         // These files carry no sBIT: their white level is the all-ones value
         // of the bits their samples use (1023 for a 10-bit exposure), not 65535.
-        int brightest = 0;
-        for (int row = 0; row < grey.height; ++row)
-            for (int c = 0; c < grey.width; ++c) {
-                r.image.at(row, c) = grey.row(row)[c];
-                brightest = std::max(brightest, static_cast<int>(grey.row(row)[c]));
-            }
+        const auto& samples = r.image.samples();
+        const int brightest = samples.empty() ? 0 : *std::max_element(samples.begin(), samples.end());
         while (r.white < brightest) r.white = r.white * 2 + 1;
         found.push_back(std::move(r));
     }

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "primitives/primitives.h"
-#include "image_io.h"
+#include "support/radiographs.h"
 
 namespace {
 
@@ -128,21 +128,9 @@ TEST(GaussianPrimitive, LongKernelsAndExtremeSigmasStayDefined) {
     for (std::size_t i = 0; i < wide.size(); ++i) ASSERT_NEAR(wide_out[i], short_out[i], 1) << i;
 }
 
-std::vector<std::uint16_t> real_crop(int& w, int& h) {
-    krf::tools::GreyImage image;
-    const std::string error = krf::tools::read_grey_image(std::string(KRFILTER_DATA_DIR) + "/cr-leg-10bit.png", image);
-    EXPECT_EQ(error, "");
-    w = std::min(image.width, 1003);  // not a multiple of any vector width
-    h = std::min(image.height, 60);
-    std::vector<std::uint16_t> crop(static_cast<std::size_t>(w) * h);
-    for (int y = 0; y < h; ++y) std::copy(image.row(y), image.row(y) + w, crop.begin() + static_cast<std::size_t>(y) * w);
-    return crop;
-}
-
 TEST(GaussianPrimitive, EveryCodePathGivesThePortableSamples) {
-    int w = 0, h = 0;
-    const auto img = real_crop(w, h);
-    ASSERT_GT(w * h, 0);
+    const int w = 1003, h = 60;  // a width that is no multiple of any vector width
+    const auto img = krf::test::crop(krf::test::radiograph("cr-leg-10bit.png"), 0, 0, h, w).samples();
     const std::vector<float> img_f(img.begin(), img.end());
     int paths_run = 0;
     for (const CodePath path : {CodePath::avx2, CodePath::avx512}) {

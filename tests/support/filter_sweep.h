@@ -37,17 +37,9 @@ public:
             // An iteration count costs time, not coverage: the highest one would
             // only make the sweeps slow.
             if (std::strcmp(p->name, "numIter") == 0) value = std::min(value, 12.0);
-            double slot = 0.0;
-            if (p->type == PARAM_INT) {
-                const int v = static_cast<int>(std::fmax(INT_MIN, std::fmin(INT_MAX, value)));
-                std::memcpy(&slot, &v, sizeof v);
-            } else if (p->type == PARAM_FLOAT) {
-                const float v = static_cast<float>(value);
-                std::memcpy(&slot, &v, sizeof v);
-            } else {
-                slot = value;
-            }
-            slots_.push_back(slot);
+            types_.push_back(p->type);
+            slots_.push_back(0.0);
+            set(slots_.size() - 1, value);
         }
         slots_.push_back(0.0);
         for (double& slot : slots_) pointers_.push_back(&slot);
@@ -56,7 +48,24 @@ public:
     CatalogueParameters& operator=(const CatalogueParameters&) = delete;
     void** data() { return pointers_.data(); }
 
+    // Parameter k as its catalogue type holds `value`: integers saturate, and
+    // NaN, which no integer holds, becomes 0.
+    void set(std::size_t k, double value) {
+        slots_[k] = 0.0;
+        if (types_[k] == PARAM_INT) {
+            const double saturated = std::fmax(INT_MIN, std::fmin(INT_MAX, value));
+            const int v = std::isnan(value) ? 0 : static_cast<int>(saturated);
+            std::memcpy(&slots_[k], &v, sizeof v);
+        } else if (types_[k] == PARAM_FLOAT) {
+            const float v = static_cast<float>(value);
+            std::memcpy(&slots_[k], &v, sizeof v);
+        } else {
+            slots_[k] = value;
+        }
+    }
+
 private:
+    std::vector<ParamType> types_;
     std::vector<double> slots_;
     std::vector<void*> pointers_;
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <random>
 
 #include "phantom.h"
 #include "platform/memory.h"
@@ -44,6 +45,35 @@ Image phantom(int height, int width, int white, std::uint32_t seed) {
     Image image(height, width);
     tools::synthesize_phantom(&image.at(0, 0), height, width, white, seed);
     return image;
+}
+
+Image random_image(int height, int width, int lowest, int highest, std::uint32_t seed) {
+    Image image(height, width);
+    std::mt19937 generator(seed);
+    std::uniform_int_distribution<int> level(lowest, highest);
+    for (int r = 0; r < height; ++r)
+        for (int c = 0; c < width; ++c) image.at(r, c) = static_cast<Sample>(level(generator));
+    return image;
+}
+
+Image inverted(const Image& image, int white) {
+    Image result = image;
+    for (int r = 0; r < image.height(); ++r)
+        for (int c = 0; c < image.width(); ++c) result.at(r, c) = static_cast<Sample>(white - image.at(r, c));
+    return result;
+}
+
+Image crop(const Image& image, int top, int left, int height, int width) {
+    Image window(height, width);
+    // An image that could not be read comes here empty; its reader has recorded the failure.
+    if (top < 0 || left < 0 || top + height > image.height() || left + width > image.width()) {
+        ADD_FAILURE() << "no " << height << "x" << width << " window at " << top << "," << left << " of a "
+                      << image.height() << "x" << image.width() << " image";
+        return window;
+    }
+    for (int r = 0; r < height; ++r)
+        for (int c = 0; c < width; ++c) window.at(r, c) = image.at(top + r, left + c);
+    return window;
 }
 
 Params& Params::add_int(int v) {

@@ -40,6 +40,16 @@ private:
 // specks, a defective column and a defective row), all within 0 ... white.
 Image phantom(int height, int width, int white, std::uint32_t seed = 1);
 
+// Samples drawn uniformly from lowest ... highest.
+Image random_image(int height, int width, int lowest, int highest, std::uint32_t seed);
+
+// white - sample everywhere, in 16-bit arithmetic.
+Image inverted(const Image& image, int white);
+
+// The height x width window of `image` whose top left sample is (top, left);
+// a window that does not fit is a test failure and comes back zero.
+Image crop(const Image& image, int top, int left, int height, int width);
+
 // Values of mixed types behind stable pointers, in the order they are added.
 class Params {
 public:
