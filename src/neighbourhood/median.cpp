@@ -387,205 +387,6 @@ void sliding_median(Rows src, Rows dst, int height, int width, int h, Count* cou
     }
 }
 
-// ---------------------------------------------------------------------------
-// Windows from 7 up: one histogram per image column (Perreault and Hébert's
-// constant-time median). Moving the window one column right adds the entering
-// column's histogram and subtracts the leaving one's, whatever the window's
-// height. Every histogram has two levels: coarse bins of 2^FineBits grey
-// levels, kept current at every step, and the fine counts inside each coarse
-// bin, brought up to date only when the median falls into that bin. The
-// shape follows the largest sample actually present, not the white level,
-// which samples may exceed.
-//
-// All counts are cumulative: entry j holds the number of samples below bin j
-// (below fine level j inside a coarse bin). Adding a sample then costs a
-// whole-vector increment instead of one counter, but sums of histograms stay
-// sums, and the window's cumulative counts are sorted, so the median's bin
-// is found by a short binary search instead of a scan.
-
-// Column counts reach n and fit a byte up to n = 255; window counts reach n·n
-// and fit 16 bits.
-using ColumnCount = std::uint8_t;
-using WindowCount = std::uint16_t;
-constexpr int kMaxColumnHistogramSide = 255;
-
-// The column histograms of a stripe of output columns are kept to about this
-// many bytes (within the second-level cache for 12-bit data), so 16-bit
-// data, with 64 Ki fine counts per column, does not need hundreds of megabytes
-// on a wide image. A stripe always spans the window and some columns beyond
-// it, so memory grows only with the histograms that one window needs.
-constexpr std::int64_t kColumnHistogramBytes = std::int64_t{768} << 10;
-constexpr int kMinStripeColumns = 32;
-// The fine counts of neighbouring columns lie a power of two apart unless
-// padded; the same segment of successive columns would then compete for one
-// set of the first-level cache.
-constexpr int kPad = 64;
-
-// The largest j with cumulative[j] <= rank: cumulative[0] is 0 and the entries
-// never fall, so that is the number of entries up to rank, less one. Counting
-// them compiles to whole-vector comparisons without a chain of dependent loads.
-template <int Bins>
-KRF_ALWAYS_INLINE int last_at_most(const WindowCount* cumulative, int rank) {
-    const auto limit = static_cast<WindowCount>(rank);
-    int count = 0;
-    for (int j = 0; j < Bins; ++j) count += cumulative[j] <= limit ? 1 : 0;
-    return count - 1;
-}
-
-// Fixed lengths, so the compiler turns these into whole-vector loops of the
-// width the enclosing function is compiled for.
-template <int Length>
-KRF_ALWAYS_INLINE void add_difference(WindowCount* __restrict to, const ColumnCount* __restrict plus,
-                                      const ColumnCount* __restrict minus) {
-    for (int i = 0; i < Length; ++i) to[i] = static_cast<WindowCount>(to[i] + plus[i] - minus[i]);
-}
-template <int Length>
-KRF_ALWAYS_INLINE void add_counts(WindowCount* __restrict to, const ColumnCount* __restrict plus) {
-    for (int i = 0; i < Length; ++i) to[i] = static_cast<WindowCount>(to[i] + plus[i]);
-}
-// One sample in bin `bin` enters (+1) or leaves (-1) a cumulative histogram.
-template <int Length>
-KRF_ALWAYS_INLINE void count_sample(ColumnCount* __restrict cumulative, int bin, int delta) {
-    for (int i = 0; i < Length; ++i) cumulative[i] = static_cast<ColumnCount>(cumulative[i] + (i > bin ? delta : 0));
-}
-
-// Scratch of the column-histogram path, in two zero-filled blocks.
-struct HistogramScratch {
-    ColumnCount* column_coarse;  // per histogram column, cumulative over coarse bins
-    ColumnCount* column_fine;    // per histogram column and coarse bin, cumulative over its levels
-    WindowCount* window_coarse;
-    WindowCount* window_fine;
-};
-
-// Medians of the n × n windows centred on rows [h, height - h) and columns
-// [first, last) into dst; histogram i belongs to image column first - h + i.
-// The column histograms arrive empty and are left empty.
-template <int CoarseBits, int FineBits>
-KRF_ALWAYS_INLINE void histogram_median_stripe(Rows src, Rows dst, int height, int h, int first, int last,
-                                               const HistogramScratch& scratch) {
-    constexpr int kCoarse = 1 << CoarseBits;
-    constexpr int kFine = 1 << FineBits;
-    constexpr int kLevels = kCoarse * kFine;
-    const int n = 2 * h + 1;
-    const int rank = (n * n - 1) / 2;
-    const int columns = last - first + 2 * h;
-    const int x0 = first - h;
-    const auto coarse_of = [&](int i) { return scratch.column_coarse + static_cast<std::int64_t>(i) * kCoarse; };
-    const auto fine_of = [&](int i) { return scratch.column_fine + static_cast<std::int64_t>(i) * (kLevels + kPad); };
-    const auto count_row = [&](int y, int delta) {
-        const Sample* row = src[y] + x0;
-        for (int i = 0; i < columns; ++i) {
-            const int coarse = row[i] >> FineBits;
-            count_sample<kCoarse>(coarse_of(i), coarse, delta);
-            count_sample<kFine>(fine_of(i) + coarse * kFine, row[i] & (kFine - 1), delta);
-        }
-    };
-    // stamp[b]: the window position the fine counts of coarse bin b are valid for.
-    int stamp[kCoarse];
-    for (int y = 0; y < n - 1; ++y) count_row(y, 1);
-    for (int r = h; r < height - h; ++r) {
-        if (r > h) count_row(r - h - 1, -1);
-        count_row(r + h, 1);
-        std::memset(scratch.window_coarse, 0, sizeof(WindowCount) * kCoarse);
-        for (int i = 0; i < n; ++i) add_counts<kCoarse>(scratch.window_coarse, coarse_of(i));
-        for (int& s : stamp) s = -n - 1;
-        Sample* out = dst[r];
-        for (int i = 0; i < last - first; ++i) {
-            if (i > 0) add_difference<kCoarse>(scratch.window_coarse, coarse_of(i + n - 1), coarse_of(i - 1));
-            const int bin = last_at_most<kCoarse>(scratch.window_coarse, rank);
-            WindowCount* segment = scratch.window_fine + bin * kFine;
-            const int offset = bin * kFine;
-            // Catching up costs two column segments per step behind; summing
-            // the window's n columns afresh is cheaper past n / 2 steps.
-            if (2 * (i - stamp[bin]) > n) {
-                std::memset(segment, 0, sizeof(WindowCount) * kFine);
-                for (int j = i; j < i + n; ++j) add_counts<kFine>(segment, fine_of(j) + offset);
-            } else {
-                for (int s = stamp[bin] + 1; s <= i; ++s)
-                    add_difference<kFine>(segment, fine_of(s + n - 1) + offset, fine_of(s - 1) + offset);
-            }
-            stamp[bin] = i;
-            const int level = last_at_most<kFine>(segment, rank - scratch.window_coarse[bin]);
-            out[first + i] = static_cast<Sample>(offset | level);
-        }
-    }
-    for (int y = height - n; y < height; ++y) count_row(y, -1);
-}
-
-using StripeKernel = void (*)(Rows, Rows, int, int, int, int, const HistogramScratch&);
-template <int CoarseBits, int FineBits>
-void histogram_median_portable(Rows src, Rows dst, int height, int h, int first, int last,
-                               const HistogramScratch& scratch) {
-    histogram_median_stripe<CoarseBits, FineBits>(src, dst, height, h, first, last, scratch);
-}
-template <int CoarseBits, int FineBits>
-KRF_TARGET_AVX2 void histogram_median_avx2(Rows src, Rows dst, int height, int h, int first, int last,
-                                           const HistogramScratch& scratch) {
-    histogram_median_stripe<CoarseBits, FineBits>(src, dst, height, h, first, last, scratch);
-}
-template <int CoarseBits, int FineBits>
-KRF_TARGET_AVX512BW void histogram_median_avx512(Rows src, Rows dst, int height, int h, int first, int last,
-                                                 const HistogramScratch& scratch) {
-    histogram_median_stripe<CoarseBits, FineBits>(src, dst, height, h, first, last, scratch);
-}
-
-template <int CoarseBits, int FineBits>
-StripeKernel stripe_kernel(MedianIsa isa) {
-    return isa == MedianIsa::avx512bw ? histogram_median_avx512<CoarseBits, FineBits>
-           : isa == MedianIsa::avx2   ? histogram_median_avx2<CoarseBits, FineBits>
-                                      : histogram_median_portable<CoarseBits, FineBits>;
-}
-
-// The histogram shape for samples up to `largest`: the fewer the levels, the
-// fewer counts every step adds and every search scans.
-struct HistogramShape {
-    int coarse_bits;
-    int fine_bits;
-};
-HistogramShape shape_for(Sample largest) {
-    if (largest < 1024) return {5, 5};
-    if (largest < 4096) return {6, 6};
-    return {8, 8};
-}
-StripeKernel stripe_kernel(HistogramShape shape, MedianIsa isa) {
-    if (shape.fine_bits == 5) return stripe_kernel<5, 5>(isa);
-    if (shape.fine_bits == 6) return stripe_kernel<6, 6>(isa);
-    return stripe_kernel<8, 8>(isa);
-}
-
-Sample largest_sample(Rows src, int height, int width) {
-    Sample largest = 0;
-    for (int r = 0; r < height; ++r)
-        for (int c = 0; c < width; ++c) largest = std::max(largest, src[r][c]);
-    return largest;
-}
-
-// Medians of the windows of side n = 2h + 1 (7 ... 255) that fit the image,
-// stripe by stripe. Returns 0 or kNoBuffer.
-int column_histogram_median(Rows src, Rows dst, int height, int width, int h, MedianIsa isa) {
-    const HistogramShape shape = shape_for(largest_sample(src, height, width));
-    const std::int64_t coarse = std::int64_t{1} << shape.coarse_bits;
-    const std::int64_t levels = coarse << shape.fine_bits;
-    const std::int64_t per_column = coarse + levels + kPad;
-    const std::int64_t window = 2 * h;
-    const std::int64_t budget_columns = kColumnHistogramBytes / (per_column * std::int64_t{sizeof(ColumnCount)});
-    const std::int64_t stripe = std::min<std::int64_t>(width - window, std::max<std::int64_t>(kMinStripeColumns,
-                                                                                            budget_columns - window));
-    const std::int64_t columns = stripe + window;
-    ScratchArray<ColumnCount> column_block;
-    ScratchArray<WindowCount> window_block;
-    if (!column_block.allocate(columns * per_column) || !window_block.allocate(per_column)) return kNoBuffer;
-    const HistogramScratch scratch{column_block.get(), column_block.get() + columns * coarse, window_block.get(),
-                                   window_block.get() + coarse};
-    // column_block: `columns` coarse histograms, then `columns` padded fine ones.
-    const StripeKernel kernel = stripe_kernel(shape, isa);
-    for (std::int64_t first = h; first < width - h; first += stripe) {
-        const std::int64_t last = std::min<std::int64_t>(first + stripe, width - h);
-        kernel(src, dst, height, h, static_cast<int>(first), static_cast<int>(last), scratch);
-    }
-    return 0;
-}
-
 int median_5x5(Rows src, Rows dst, int height, int width, MedianIsa isa) {
     // The medians go to a scratch raster first so that the output may be the
     // input itself.
@@ -608,30 +409,22 @@ int median_5x5(Rows src, Rows dst, int height, int width, MedianIsa isa) {
     return 0;
 }
 
-int median_large(Rows src, Rows dst, int height, int width, int n, MedianIsa isa) {
-    // The working memory does not grow with the window beyond what one
-    // window's column histograms need, so no side, however large (n·n
-    // overflows 32 bits from n = 46341), asks for an absurd buffer; a window
-    // that does not fit the image leaves a copy of it.
+int median_large(Rows src, Rows dst, int height, int width, int n) {
+    // The working memory does not grow with the window, so no side, however
+    // large (n·n overflows 32 bits from n = 46341), asks for an absurd
+    // buffer; a window that does not fit the image leaves a copy of it.
     const int h = (n - 1) / 2;
+    // Counts reach n·n, which fits 32 bits up to n = 65535.
+    const bool wide_counts = n > 65535;
+    ScratchArray<std::uint32_t> narrow;
+    ScratchArray<std::uint64_t> wide;
+    if (!(wide_counts ? wide.allocate(kLevels) : narrow.allocate(kLevels))) return kNoBuffer;
     Raster scratch;
     if (const int code = scratch.allocate(height, width); code != 0) return code;
     const bool window_fits = 2 * static_cast<std::int64_t>(h) < height && 2 * static_cast<std::int64_t>(h) < width;
     if (window_fits) {
-        if (n <= kMaxColumnHistogramSide) {
-            if (const int code = column_histogram_median(src, scratch.rows(), height, width, h, isa); code != 0)
-                return code;
-        } else {
-            // Past 16-bit counts the sliding histogram of all grey levels
-            // takes over: sides this large are rare, and its memory stays fixed.
-            // Counts reach n·n, which fits 32 bits up to n = 65535.
-            const bool wide_counts = n > 65535;
-            ScratchArray<std::uint32_t> narrow;
-            ScratchArray<std::uint64_t> wide;
-            if (!(wide_counts ? wide.allocate(kLevels) : narrow.allocate(kLevels))) return kNoBuffer;
-            if (wide_counts) sliding_median(src, scratch.rows(), height, width, h, wide.get());
-            else sliding_median(src, scratch.rows(), height, width, h, narrow.get());
-        }
+        if (wide_counts) sliding_median(src, scratch.rows(), height, width, h, wide.get());
+        else sliding_median(src, scratch.rows(), height, width, h, narrow.get());
         for (int r = h; r < height - h; ++r) copy_samples(dst[r] + h, scratch[r] + h, width - 2 * h);
     }
     copy_median_frame(src, dst, height, width, h);
@@ -675,7 +468,7 @@ int median_2d(Rows src, Rows dst, int height, int width, int oddnum, MedianIsa i
         for (int r = 0; r < height; ++r) copy_samples(dst[r], src[r], width);
         return 0;
     }
-    return median_large(src, dst, height, width, n, isa);
+    return median_large(src, dst, height, width, n);
 }
 
 }  // namespace krf
