@@ -17,19 +17,16 @@ namespace krf {
 namespace {
 
 // The noise samples of one grey level: at most `capacity` of the level's
-// central-region samples, spread evenly over the region by a phase walk.
+// central-region samples, spread evenly over the region by a phase walk,
+// and where the sampling pass stands at that level, in one record so that a
+// sample touches one place of bookkeeping.
 struct LevelStore {
-    double step;           // capacity / samples at this level
-    std::int64_t words;    // first word of the level's kept-occurrence bits
-    std::int32_t capacity;  // 0 when the level is not analysed
-    std::int32_t first;    // first slot of the level's values
-};
-
-// Where the sampling pass stands at one level: the level's occurrences seen
-// so far in scan order and the slot the next kept value goes to.
-struct LevelCursor {
-    std::int32_t occurrence;
-    std::int32_t slot;
+    double step;               // capacity / samples at this level
+    std::int64_t words;        // first word of the level's kept-occurrence bits
+    std::int64_t occurrence;   // the level's occurrences seen so far in scan order
+    std::int32_t capacity;     // 0 when the level is not analysed
+    std::int32_t first;        // first slot of the level's values
+    std::int32_t slot;         // where the next kept value goes
 };
 
 // The k-th smallest (1-based) of a[0 .. n), by Hoare-partition selection. The
@@ -140,10 +137,22 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
     // Samples above the white level count as white, a level never analysed.
     const auto level_of = [white](Sample v) { return v > white ? white : static_cast<int>(v); };
 
+    // Counted in two halves, even and odd columns, then added: neighbouring
+    // samples often share a level, and one counter per level would make each
+    // count wait for the one before.
     ScratchArray<std::int64_t> histogram;
-    if (!histogram.allocate(levels)) return kNoBuffer;
-    for (int r = r0; r < r1; ++r)
-        for (int c = c0; c < c1; ++c) ++histogram[level_of(median[r][c])];
+    if (!histogram.allocate(2 * static_cast<std::int64_t>(levels))) return kNoBuffer;
+    std::int64_t* odd_columns = histogram.get() + levels;
+    for (int r = r0; r < r1; ++r) {
+        const Sample* m_row = median[r];
+        int c = c0;
+        for (; c + 1 < c1; c += 2) {
+            ++histogram[level_of(m_row[c])];
+            ++odd_columns[level_of(m_row[c + 1])];
+        }
+        if (c < c1) ++histogram[level_of(m_row[c])];
+    }
+    for (int level = 0; level < levels; ++level) histogram[level] += odd_columns[level];
 
     // Every analysed level gets its slots plus one spare, which takes the
     // values the sampling pass writes once the level's store is full.
@@ -168,12 +177,11 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
     // come out exactly as from double copies.
     ScratchArray<std::int32_t> values;
     ScratchArray<std::uint64_t> kept;
-    ScratchArray<LevelCursor> cursors;
-    if (!values.allocate(slots) || !kept.allocate(words) || !cursors.allocate(levels)) return kNoBuffer;
+    if (!values.allocate(slots) || !kept.allocate(words)) return kNoBuffer;
     for (int level = 0; level < levels; ++level) {
         if (stores[level].capacity == 0) continue;
         mark_kept_occurrences(stores[level], histogram[level], kept.get() + stores[level].words);
-        cursors[level].slot = stores[level].first;
+        stores[level].slot = stores[level].first;
     }
 
     for (int r = r0; r < r1; ++r) {
@@ -181,16 +189,15 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
         const Sample* v_row = input[r];
         for (int c = c0; c < c1; ++c) {
             const int level = level_of(m_row[c]);
-            const LevelStore& store = stores[level];
+            LevelStore& store = stores[level];
             if (store.capacity == 0) continue;
-            LevelCursor& cursor = cursors[level];
-            const std::int32_t k = cursor.occurrence++;
+            const std::int64_t k = store.occurrence++;
             // Written either way, without a branch: a value not kept writes 0
             // to the slot the next kept value takes, so slots never filled
             // stay 0.
             const auto keep = static_cast<std::int32_t>((kept[store.words + (k >> 6)] >> (k & 63)) & 1);
-            values[cursor.slot] = keep * (static_cast<int>(v_row[c]) - static_cast<int>(m_row[c]));
-            cursor.slot += keep;
+            values[store.slot] = keep * (static_cast<int>(v_row[c]) - static_cast<int>(m_row[c]));
+            store.slot += keep;
         }
     }
 
