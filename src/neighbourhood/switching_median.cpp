@@ -17,14 +17,16 @@ namespace krf {
 namespace {
 
 // The noise samples of one grey level: at most `capacity` of the level's
-// central-region samples, spread evenly over the region by the phase walk.
+// central-region samples, spread evenly over the region by a phase walk,
+// and where the sampling pass stands at that level, in one record so that a
+// sample touches one place of bookkeeping.
 struct LevelStore {
-    double phase;
-    double step;
-    int count;
-    int capacity;          // 0 when the level is not analysed
-    std::int32_t* values;  // sample minus its median
-    unsigned char* keep;   // 1 while the value lies inside the outlier fences
+    double step;               // capacity / samples at this level
+    std::int64_t words;        // first word of the level's kept-occurrence bits
+    std::int64_t occurrence;   // the level's occurrences seen so far in scan order
+    std::int32_t capacity;     // 0 when the level is not analysed
+    std::int32_t first;        // first slot of the level's values
+    std::int32_t slot;         // where the next kept value goes
 };
 
 // The k-th smallest (1-based) of a[0 .. n), by Hoare-partition selection. The
@@ -71,9 +73,61 @@ struct NoiseModel {
     double level;   // x0 = −a / b, where the modelled variance reaches zero
 };
 
-// Measures the noise of `copy` around `median` and fits the variance line.
+// Q1 and Q3 of a level's values: the values of 0-based sorted ranks q − 1 and
+// 3q − 1. Noise differences mostly span a short range, and then counting them
+// finds both ranks in two passes; a wide spread falls back to selection. Both
+// give the same two values.
+constexpr int kCountedSpan = 4096;
+// `counts`: kCountedSpan zeros, left as zeros.
+void quartiles(std::int32_t* values, int n, int q, int* counts, double* q1, double* q3) {
+    std::int32_t low = values[0], high = values[0];
+    for (int j = 1; j < n; ++j) {
+        low = values[j] < low ? values[j] : low;
+        high = values[j] > high ? values[j] : high;
+    }
+    if (static_cast<std::int64_t>(high) - low < kCountedSpan) {
+        for (int j = 0; j < n; ++j) ++counts[values[j] - low];
+        int below = 0;
+        int value = 0;
+        while (below + counts[value] <= q - 1) below += counts[value++];
+        *q1 = static_cast<double>(low + value);
+        while (below + counts[value] <= 3 * q - 1) below += counts[value++];
+        *q3 = static_cast<double>(low + value);
+        std::memset(counts, 0, static_cast<std::size_t>(high - low + 1) * sizeof(int));
+        return;
+    }
+    // Q3 first; the q-th smallest then lies among the 3q − 1 values left of it.
+    *q3 = select_smallest(values, n, 3 * q);
+    *q1 = select_smallest(values, 3 * q - 1, q);
+}
+
+// The phase walk of one level over its central occurrences, run per level
+// ahead of the image pass so that the pass itself needs no floating point and
+// no branch per sample: bit k of `bits` is set when the k-th occurrence is
+// kept. The walk stops when the store is full; later occurrences are not kept.
+void mark_kept_occurrences(const LevelStore& store, std::int64_t seen, std::uint64_t* bits) {
+    double phase = 0.0;
+    std::int32_t count = 0;
+    std::uint64_t word = 0;
+    std::int64_t k = 0;
+    for (; k < seen && count < store.capacity; ++k) {
+        const double next = phase + store.step;
+        const bool kept =
+            static_cast<std::int64_t>(phase) != static_cast<std::int64_t>(next) || count == store.capacity - 1;
+        word |= static_cast<std::uint64_t>(kept) << (k & 63);
+        count += kept;
+        phase = next;
+        if ((k & 63) == 63) {
+            bits[k >> 6] = word;
+            word = 0;
+        }
+    }
+    if ((k & 63) != 0) bits[k >> 6] = word;
+}
+
+// Measures the noise of `input` around `median` and fits the variance line.
 // Returns 0 or kNoBuffer.
-int estimate_noise(Rows median, Rows copy, int height, int width, int white, const SmfSettings& s,
+int estimate_noise(Rows median, Rows input, int height, int width, int white, const SmfSettings& s,
                    NoiseModel* model) {
     const int levels = white + 1;
     const int r0 = static_cast<int>(height * s.marginLow - 1 + 0.5);
@@ -83,75 +137,94 @@ int estimate_noise(Rows median, Rows copy, int height, int width, int white, con
     // Samples above the white level count as white, a level never analysed.
     const auto level_of = [white](Sample v) { return v > white ? white : static_cast<int>(v); };
 
+    // Counted in two halves, even and odd columns, then added: neighbouring
+    // samples often share a level, and one counter per level would make each
+    // count wait for the one before.
     ScratchArray<std::int64_t> histogram;
-    if (!histogram.allocate(levels)) return kNoBuffer;
-    for (int r = r0; r < r1; ++r)
-        for (int c = c0; c < c1; ++c) ++histogram[level_of(median[r][c])];
+    if (!histogram.allocate(2 * static_cast<std::int64_t>(levels))) return kNoBuffer;
+    std::int64_t* odd_columns = histogram.get() + levels;
+    for (int r = r0; r < r1; ++r) {
+        const Sample* m_row = median[r];
+        int c = c0;
+        for (; c + 1 < c1; c += 2) {
+            ++histogram[level_of(m_row[c])];
+            ++odd_columns[level_of(m_row[c + 1])];
+        }
+        if (c < c1) ++histogram[level_of(m_row[c])];
+    }
+    for (int level = 0; level < levels; ++level) histogram[level] += odd_columns[level];
 
+    // Every analysed level gets its slots plus one spare, which takes the
+    // values the sampling pass writes once the level's store is full.
     ScratchArray<LevelStore> stores;
     if (!stores.allocate(levels)) return kNoBuffer;
-    std::int64_t pooled = 0;
+    std::int64_t slots = 0;
+    std::int64_t words = 0;
     for (int level = s.firstLevel; level < white; ++level) {
         const std::int64_t seen = histogram[level];
         const int capacity = static_cast<int>(seen < s.maxSamples ? seen : s.maxSamples);
         if (capacity <= s.minSamples) continue;
-        stores[level].capacity = capacity;
-        stores[level].step = static_cast<double>(capacity) / static_cast<double>(seen);
-        pooled += capacity;
+        LevelStore& store = stores[level];
+        store.capacity = capacity;
+        store.step = static_cast<double>(capacity) / static_cast<double>(seen);
+        store.first = static_cast<std::int32_t>(slots);
+        store.words = words;
+        slots += capacity + 1;
+        words += (seen + 63) / 64;
     }
-    // One block for the values of all analysed levels and one for their flags.
     // The differences are integers: held as 32-bit integers they take half
     // the memory of doubles, and their order statistics, fences and squares
     // come out exactly as from double copies.
     ScratchArray<std::int32_t> values;
-    ScratchArray<unsigned char> keep;
-    if (!values.allocate(pooled) || !keep.allocate(pooled)) return kNoBuffer;
-    for (std::int64_t level = 0, next = 0; level < levels; ++level) {
+    ScratchArray<std::uint64_t> kept;
+    if (!values.allocate(slots) || !kept.allocate(words)) return kNoBuffer;
+    for (int level = 0; level < levels; ++level) {
         if (stores[level].capacity == 0) continue;
-        stores[level].values = values.get() + next;
-        stores[level].keep = keep.get() + next;
-        next += stores[level].capacity;
+        mark_kept_occurrences(stores[level], histogram[level], kept.get() + stores[level].words);
+        stores[level].slot = stores[level].first;
     }
 
     for (int r = r0; r < r1; ++r) {
+        const Sample* m_row = median[r];
+        const Sample* v_row = input[r];
         for (int c = c0; c < c1; ++c) {
-            const Sample m = median[r][c];
-            LevelStore& store = stores[level_of(m)];
-            // A full store keeps nothing more, so its phase no longer matters.
-            if (store.count >= store.capacity) continue;
-            const double next = store.phase + store.step;
-            if (static_cast<std::int64_t>(store.phase) != static_cast<std::int64_t>(next) ||
-                store.count == store.capacity - 1)
-                store.values[store.count++] = static_cast<int>(copy[r][c]) - static_cast<int>(m);
-            store.phase = next;
+            const int level = level_of(m_row[c]);
+            LevelStore& store = stores[level];
+            if (store.capacity == 0) continue;
+            const std::int64_t k = store.occurrence++;
+            // Written either way, without a branch: a value not kept writes 0
+            // to the slot the next kept value takes, so slots never filled
+            // stay 0.
+            const auto keep = static_cast<std::int32_t>((kept[store.words + (k >> 6)] >> (k & 63)) & 1);
+            values[store.slot] = keep * (static_cast<int>(v_row[c]) - static_cast<int>(m_row[c]));
+            store.slot += keep;
         }
     }
 
     ScratchArray<double> variance;
-    if (!variance.allocate(levels)) return kNoBuffer;
+    ScratchArray<int> counts;
+    if (!variance.allocate(levels) || !counts.allocate(kCountedSpan)) return kNoBuffer;
     for (int level = 0; level < white; ++level) {
-        LevelStore& store = stores[level];
+        const LevelStore& store = stores[level];
         if (store.capacity == 0) continue;
         // All slots count, including any the walk left at zero.
+        std::int32_t* level_values = values.get() + store.first;
         const int n = store.capacity;
         const int q = static_cast<int>(n * 0.25 + 0.5);
-        // Q3 first; the q-th smallest then lies among the 3q − 1 values left of it.
-        const double q3 = select_smallest(store.values, n, 3 * q);
-        const double q1 = select_smallest(store.values, 3 * q - 1, q);
+        double q1, q3;
+        quartiles(level_values, n, q, counts.get(), &q1, &q3);
         const double fence = (q3 - q1) * s.fenceFactor;
         // The squares are integers far below 2^53, so the sum is exact in any
         // order and the reordering done by the selection does not matter.
         double sum = 0.0;
-        int kept = 0;
+        int count = 0;
         for (int j = 0; j < n; ++j) {
-            const double v = store.values[j];
-            store.keep[j] = (q1 - fence <= v && v <= q3 + fence) ? 1 : 0;
-            if (store.keep[j]) {
-                sum += v * v;
-                ++kept;
-            }
+            const double v = level_values[j];
+            const bool inside = q1 - fence <= v && v <= q3 + fence;
+            sum += inside ? v * v : 0.0;
+            count += inside;
         }
-        if (sum != 0.0) variance[level] = sum / kept;
+        if (sum != 0.0) variance[level] = sum / count;
     }
 
     double n = 0.0, sum_l = 0.0, sum_l2 = 0.0, sum_v = 0.0, sum_lv = 0.0;
@@ -213,13 +286,15 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
     Raster median;
     Raster copy;
     if (median.allocate(height, width) != 0 || copy.allocate(height, width) != 0) return kSmfNoRaster;
-    for (int r = 0; r < height; ++r) std::memcpy(copy[r], src[r], static_cast<std::size_t>(width) * sizeof(Sample));
-    median_3x3(copy.rows(), median.rows(), height, width, isa);
+    // The input is read, never written, until the result is final, so the
+    // median and the noise statistics come from it directly; the copy
+    // receives the result as the replacement pass produces it.
+    median_3x3(src, median.rows(), height, width, isa);
 
     // Without a finished estimation there is no noise model to apply: stop
     // with the estimation's code.
     NoiseModel model{};
-    if (const int code = estimate_noise(median.rows(), copy.rows(), height, width, white, settings, &model); code != 0)
+    if (const int code = estimate_noise(median.rows(), src, height, width, white, settings, &model); code != 0)
         return code;
 
     // Per-level limits; samples above the white level take the white level's
@@ -233,14 +308,15 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
     std::int64_t replaced = 0;
     for (int r = 0; r < height; ++r) {
         const Sample* m_row = median[r];
+        const Sample* v_row = src[r];
         Sample* c_row = copy[r];
         for (int c = 0; c < width; ++c) {
             const int m = m_row[c];
+            const int v = v_row[c];
             const int limit = m <= white ? limits[m] : replacement_limit(settings, m, noise_at_white);
-            if (std::abs(c_row[c] - m) >= limit) {
-                c_row[c] = static_cast<Sample>(m);
-                ++replaced;
-            }
+            const bool replace = std::abs(v - m) >= limit;
+            c_row[c] = static_cast<Sample>(replace ? m : v);
+            replaced += replace;
         }
     }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <utility>
@@ -104,6 +106,117 @@ TEST(SwitchingMedian, SamplesAboveWhiteAreHandled) {
     in.at(60, 45) = 60000;
     in.at(60, 20) = 5100;  // 99 above its median: within 3 % of that median, which lies above white
     EXPECT_TRUE(smf(in, 1000) == with_medians_at(in, {{60, 45}}));
+}
+
+// The switching median written out step by step from its definition: the 3 × 3
+// median, per-level stores of doubles filled by the phase walk, quartiles by
+// sorting, the line fit and the thresholds. Inputs stay within white. Returns
+// the filter's code and, on success, its output.
+std::pair<int, Image> reference_smf(const Image& in, int white) {
+    const int height = in.height(), width = in.width(), first_level = white == 255 ? 5 : 80;
+    Image m = in;
+    for (int r = 1; r < height - 1; ++r)
+        for (int c = 1; c < width - 1; ++c) m.at(r, c) = window_median(in, r, c, 1);
+    const int r0 = static_cast<int>(height * 0.1 - 1 + 0.5), r1 = static_cast<int>(0.9 * height + 0.5);
+    const int c0 = static_cast<int>(width * 0.1 - 1 + 0.5), c1 = static_cast<int>(0.9 * width + 0.5);
+    std::vector<long long> histogram(white + 1);
+    for (int r = r0; r < r1; ++r)
+        for (int c = c0; c < c1; ++c) ++histogram[m.at(r, c)];
+    struct Store {
+        std::vector<double> values;
+        int count = 0;
+        double step = 0.0, phase = 0.0;
+    };
+    std::vector<Store> stores(white + 1);
+    for (int level = first_level; level < white; ++level) {
+        const int capacity = static_cast<int>(std::min<long long>(histogram[level], 500));
+        if (capacity <= 250) continue;
+        stores[level].values.assign(capacity, 0.0);
+        stores[level].step = static_cast<double>(capacity) / histogram[level];
+    }
+    for (int r = r0; r < r1; ++r) {
+        for (int c = c0; c < c1; ++c) {
+            Store& s = stores[m.at(r, c)];
+            const int capacity = static_cast<int>(s.values.size());
+            if (capacity == 0) continue;
+            const double next = s.phase + s.step;
+            if (s.count < capacity && (static_cast<long long>(s.phase) != static_cast<long long>(next) ||
+                                       s.count == capacity - 1))
+                s.values[s.count++] = in.at(r, c) - m.at(r, c);
+            s.phase = next;
+        }
+    }
+    double n = 0, sum_l = 0, sum_l2 = 0, sum_v = 0, sum_lv = 0;
+    for (int level = first_level; level < white; ++level) {
+        const std::vector<double>& values = stores[level].values;
+        if (values.empty()) continue;
+        std::vector<double> sorted = values;
+        std::sort(sorted.begin(), sorted.end());
+        const int q = static_cast<int>(values.size() * 0.25 + 0.5);
+        const double q1 = sorted[q - 1], q3 = sorted[3 * q - 1], fence = (q3 - q1) * 3.0;
+        double sum = 0;
+        int kept = 0;
+        for (const double v : values)
+            if (q1 - fence <= v && v <= q3 + fence) sum += v * v, ++kept;
+        if (sum == 0) continue;
+        const double variance = sum / kept;
+        n += 1;
+        sum_l += level;
+        sum_l2 += static_cast<double>(static_cast<std::int32_t>(static_cast<std::uint32_t>(level) * level));
+        sum_v += variance;
+        sum_lv += level * variance;
+    }
+    const double b = (n * sum_lv - sum_l * sum_v) / (n * sum_l2 - sum_l * sum_l);
+    const double x0 = (sum_v * sum_l2 - sum_l * sum_lv) / (sum_l * sum_v - n * sum_lv);
+    Image out = in;
+    long long replaced = 0;
+    for (int r = 0; r < height; ++r) {
+        for (int c = 0; c < width; ++c) {
+            const int median = m.at(r, c);
+            const double ratio = (median - x0) / b;
+            const double noise = 6.0 * (-b * std::sqrt(ratio < 0 ? 0.0 : ratio));
+            const double threshold = 0.03 * median > noise ? 0.03 * median : noise;
+            if (std::abs(in.at(r, c) - median) > threshold) out.at(r, c) = static_cast<Sample>(median), ++replaced;
+        }
+    }
+    if (!(static_cast<double>(replaced) / (static_cast<double>(height) * width) * 100.0 < 2.0))
+        return {kSmfRefused, Image(height, width, kMarker)};
+    return {0, out};
+}
+
+// Four bands whose bell-shaped noise falls with the level, and outliers of 3 to
+// 10 standard deviations: many of them lie near the threshold, so a noise
+// model built from other samples or other quartiles changes the output.
+// `scale` stretches levels and noise; impulses at the 16-bit extremes widen
+// a level's spread past what the quartiles are counted over.
+Image graded_noise(int scale, bool impulses) {
+    std::mt19937 random(21);
+    const int levels[4] = {600, 1400, 2200, 3000}, sigmas[4] = {12, 9, 6, 3};
+    Image image(400, 400);
+    for (int r = 0; r < 400; ++r) {
+        for (int c = 0; c < 400; ++c) {
+            const int band = c / 100;
+            int noise = 0;  // four uniforms: close to a normal spread of sigma
+            for (int k = 0; k < 4; ++k) noise += static_cast<int>(random() % (sigmas[band] + 1)) - sigmas[band] / 2;
+            if (random() % 1000 < 12)
+                noise = static_cast<int>((3 + random() % 8) * sigmas[band]) * ((random() & 1) ? 1 : -1);
+            image.at(r, c) = static_cast<Sample>((levels[band] + noise) * scale);
+            if (impulses && random() % 1000 < 2) image.at(r, c) = (random() & 1) ? 65535 : 0;
+        }
+    }
+    return image;
+}
+
+// The sampling and the quartiles take shortcuts (kept samples marked per
+// level ahead of the image pass, quartiles by counting when the spread is
+// narrow); the output must still be the definition's, sample for sample.
+TEST(SwitchingMedian, MatchesTheStepByStepDefinition) {
+    for (const auto& [in, white] : {std::pair{graded_noise(1, false), 4095}, {graded_noise(10, true), 65535},
+                                    {salted(0.05, 3), 4095}}) {
+        const auto [code, expected] = reference_smf(in, white);
+        EXPECT_TRUE(smf(in, white, code) == expected) << "white " << white << " code " << code;
+        EXPECT_FALSE(code == 0 && expected == in) << "nothing replaced: the case tests nothing";
+    }
 }
 
 TEST(SwitchingMedian, AllocationFailuresLeaveTheOutputUntouched) {
