@@ -207,11 +207,12 @@ std::string run_dicom_decoder(const std::string& decoder, const std::string& pat
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    if (ending == Ending::too_slow)
-        return "DICOM decoding stopped after " + std::to_string(seconds) + " s (a damaged or forged file)";
-    if (ending == Ending::too_long) return "DICOM decoder stopped: its output outgrew any image of this file's size";
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) report.clear();
-    const std::string problem = decode_report(report, image);
+    const std::string problem =
+        ending == Ending::too_slow ? "DICOM decoding stopped after " + std::to_string(seconds) +
+                                         " s (a damaged or forged file)"
+        : ending == Ending::too_long ? "DICOM decoder stopped: its output outgrew any image of this file's size"
+                                     : decode_report(report, image);
     if (!problem.empty()) image = GreyImage{};
     return problem;
 }
