@@ -210,7 +210,8 @@ std::string decode(const std::string& path, Decoded& out) {
     const std::size_t bytes = count * static_cast<std::size_t>(allocated / 8);
     if (dicom.GetBufferLength() != bytes) return "DICOM pixel data of unexpected length";
     if (dicom.GetTransferSyntax().IsEncapsulated()) {
-        const std::string problem = compressed_data_problem(dataset, dicom.GetTransferSyntax(), dims[0], dims[1], allocated);
+        const std::string problem =
+            compressed_data_problem(dataset, dicom.GetTransferSyntax(), dims[0], dims[1], allocated);
         if (!problem.empty()) return problem;
     } else {
         // The buffer length above follows from the rows and columns alone;
