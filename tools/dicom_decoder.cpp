@@ -250,10 +250,14 @@ std::string decode(const std::string& path, Decoded& out) {
     return {};
 }
 
+// Where the report goes: the standard output as the tool set it up, moved
+// aside so that nothing the toolkit's codecs print can end up in the report.
+int report_fd = -1;
+
 bool write_all(const void* data, std::size_t size) {
     const char* at = static_cast<const char*>(data);
     while (size > 0) {
-        const ssize_t n = write(STDOUT_FILENO, at, size);
+        const ssize_t n = write(report_fd, at, size);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         at += n;
@@ -328,8 +332,11 @@ int main(int argc, char** argv) {
     // and its codecs' complaints go nowhere, since the tool reports the
     // file's problem in one line of its own.
     close_range(3, ~0u, 0);
+    report_fd = dup(STDOUT_FILENO);
     const int null_device = open("/dev/null", O_WRONLY);
-    if (null_device < 0 || dup2(null_device, STDERR_FILENO) < 0) return 3;
+    if (report_fd < 0 || null_device < 0 || dup2(null_device, STDOUT_FILENO) < 0 ||
+        dup2(null_device, STDERR_FILENO) < 0)
+        return 3;
     close(null_device);
     quiet_toolkit();
 

@@ -23,6 +23,7 @@
 #include <climits>
 #include <cstring>
 #include <sstream>
+#include <vector>
 
 #include "dicom_decoding.h"
 
@@ -97,6 +98,9 @@ std::string decode_report(const std::string& report, GreyImage& image) {
         if (!in.get_int(value)) return "internal error: short report from the DICOM decoder";
     if (!size_acceptable(static_cast<std::uint64_t>(v[0]), static_cast<std::uint64_t>(v[1])))
         return size_problem(static_cast<std::uint64_t>(v[0]), static_cast<std::uint64_t>(v[1]));
+    if ((v[2] != 8 && v[2] != 16) || v[3] < 1 || v[3] > 65535)
+        return "internal error: DICOM decoder reports bit depth " + std::to_string(v[2]) + ", white " +
+               std::to_string(v[3]);
     image.height = static_cast<int>(v[0]);
     image.width = static_cast<int>(v[1]);
     image.bit_depth = static_cast<int>(v[2]);
