@@ -37,7 +37,8 @@ inline const bool child_reports_routed = [] {
     for (const char* variable : {"ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
         const char* now = std::getenv(variable);
         std::string options = now != nullptr ? now : "";
-        options += (options.empty() ? "" : ":") + std::string("log_path=") + child_report_prefix();
+        // Symbolizing would start a program, which the decoder forbids itself.
+        options += (options.empty() ? "" : ":") + std::string("symbolize=0:log_path=") + child_report_prefix();
         setenv(variable, options.c_str(), 1);  // read by the decoder processes only: ours started already
     }
     return true;
@@ -55,7 +56,7 @@ inline void fail_on_child_report() {
         while (report != nullptr && (n = std::fread(chunk, 1, sizeof chunk, report)) > 0) text.append(chunk, n);
         if (report != nullptr) std::fclose(report);
         std::remove(found.gl_pathv[i]);
-        if (text.find("out-of-memory") != std::string::npos ||
+        if (text.find("out-of-memory") != std::string::npos || text.find("out of memory") != std::string::npos ||
             text.find("allocation-size-too-big") != std::string::npos)
             continue;
         std::fprintf(stderr, "sanitizer report of the DICOM decoder process:\n%s\n", text.c_str());

@@ -21,7 +21,9 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 #include <vector>
 
@@ -135,10 +137,35 @@ std::string find_decoder(std::string& decoder) {
     return "cannot find the DICOM decoder " + decoder;
 }
 
+// A folder of its own for the decoder's temporary files: on a lossless JPEG
+// its codec rejects, the toolkit writes the data to a temporary file for an
+// outside program and leaves it there when that program cannot be started.
+// The folder goes, with whatever is in it, when the decoder has ended.
+class DecoderFolder {
+public:
+    DecoderFolder() {
+        const char* base = std::getenv("TMPDIR");
+        std::string name = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/krfilter-decoder-XXXXXX";
+        if (mkdtemp(name.data()) != nullptr) path_ = name;
+    }
+    DecoderFolder(const DecoderFolder&) = delete;
+    DecoderFolder& operator=(const DecoderFolder&) = delete;
+    ~DecoderFolder() {
+        std::error_code ignored;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
 // Starts `decoder` on `path` in a process group of its own, with the report
 // coming through a pipe that no other process started meanwhile (by another
-// thread) inherits. Returns its process id, or -1 with errno set.
-pid_t start_decoder(const std::string& decoder, const std::string& path, int& report_fd) {
+// thread) inherits, and TMPDIR set to `temporary_folder`. Returns its process
+// id, or -1 with errno set.
+pid_t start_decoder(const std::string& decoder, const std::string& path, const std::string& temporary_folder,
+                    int& report_fd) {
     int channel[2];
     if (pipe2(channel, O_CLOEXEC) != 0) return -1;
     posix_spawn_file_actions_t actions;
@@ -158,8 +185,15 @@ pid_t start_decoder(const std::string& decoder, const std::string& path, int& re
     posix_spawnattr_setpgroup(&attributes, 0);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     char* const argv[] = {const_cast<char*>(decoder.c_str()), const_cast<char*>(path.c_str()), nullptr};
+    // The environment as it is (sanitizer options travel with it), but for TMPDIR.
+    std::string temporary = "TMPDIR=" + temporary_folder;
+    std::vector<char*> environment;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+        if (std::strncmp(*variable, "TMPDIR=", 7) != 0) environment.push_back(*variable);
+    if (!temporary_folder.empty()) environment.push_back(temporary.data());
+    environment.push_back(nullptr);
     pid_t child = -1;
-    const int failure = posix_spawn(&child, decoder.c_str(), &actions, &attributes, argv, environ);
+    const int failure = posix_spawn(&child, decoder.c_str(), &actions, &attributes, argv, environment.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     close(channel[1]);
@@ -199,8 +233,9 @@ Ending collect_report(int fd, int seconds, std::uint64_t max_bytes, std::string&
 
 std::string run_dicom_decoder(const std::string& decoder, const std::string& path, int seconds,
                               std::uint64_t max_report_bytes, GreyImage& image) {
+    const DecoderFolder temporary_folder;
     int report_fd = -1;
-    const pid_t child = start_decoder(decoder, path, report_fd);
+    const pid_t child = start_decoder(decoder, path, temporary_folder.path(), report_fd);
     if (child < 0) return system_error(("cannot start the DICOM decoder " + decoder).c_str());
     std::string report;
     const Ending ending = collect_report(report_fd, seconds, max_report_bytes, report);

@@ -185,13 +185,14 @@ TEST_F(DicomFiles, UnsuitableAndTruncatedFilesAreRefusedInOneLine) {
 
 // Stand-ins for the decoder, as shell scripts: the tool's side must stop and
 // clear away a decoder that hangs (with whatever it started), floods its
-// output or dies, and refuse the file in one line each time.
+// output or dies (with its temporary files), and refuse the file in one line
+// each time.
 TEST_F(DicomFiles, DecoderThatHangsFloodsOrDiesIsStoppedAndTheFileRefused) {
     const std::string stray = path("stray.pid");
     const std::pair<const char*, std::string> decoders[] = {
         {"stopped after 1 s", "sleep 60 & echo $! > " + stray + "\nwait\n"},
         {"outgrew", "exec cat /dev/zero\n"},
-        {"the decoder stopped on it", "printf O\nkill -SEGV $$\n"},
+        {"the decoder stopped on it", "echo $TMPDIR > " + path("tmpdir") + "\necho x > $TMPDIR/left\nkill -SEGV $$\n"},
         {"short report", "printf O1234\n"},
     };
     std::ofstream(path("input.dcm")) << "not read by the stand-ins";
@@ -208,6 +209,11 @@ TEST_F(DicomFiles, DecoderThatHangsFloodsOrDiesIsStoppedAndTheFileRefused) {
         EXPECT_EQ(problem.find('\n'), std::string::npos) << problem;
         EXPECT_TRUE(image.samples.empty()) << words;
     }
+    // The dead decoder's temporary file went with the folder it was given.
+    std::string folder;
+    ASSERT_TRUE(std::ifstream(path("tmpdir")) >> folder);
+    EXPECT_NE(folder.find("krfilter-decoder-"), std::string::npos) << folder;
+    EXPECT_FALSE(fs::exists(folder)) << folder;
     // The hanging decoder's background process went with it (a process that
     // has ended but is not yet collected by its new parent counts as gone).
     int pid = 0;
