@@ -1,6 +1,6 @@
 # `cmake --install`: the library with its SONAME, the public header, a CMake
 # package (find_package(krfilter) gives krfilter::krfilter), a pkg-config file
-# and the krfilter tool.
+# and the krfilter tool with its DICOM decoder.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS krfilter EXPORT krfilterTargets
@@ -12,6 +12,7 @@ if(TARGET krfilter_cli)
   # The installed tool finds the library installed beside it, wherever the prefix is.
   set_target_properties(krfilter_cli PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS krfilter_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS krfilter_dicom_decoder RUNTIME DESTINATION ${KRFILTER_DECODER_DIR})
 endif()
 
 set(KRFILTER_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/krfilter)

@@ -3,11 +3,9 @@
 // the same entry point the tool uses.
 #pragma once
 
-#include <fcntl.h>
-#include <pthread.h>
+#include <glob.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,39 +25,46 @@ inline const std::string& scratch_path() {
     return path;
 }
 
-extern "C" void __sanitizer_set_death_callback(void (*callback)());
-extern "C" void __asan_set_error_report_callback(void (*callback)(const char*));
+// The DICOM reader decodes in a process of its own, whose error output goes
+// nowhere. Its sanitizer reports (the decoder is instrumented like
+// everything else here) are written beside the scratch file instead, and a
+// report after an input makes that input a finding of this process.
+// Except running out of memory: a forged length makes the toolkit ask for
+// gigabytes, which the decoder meets as a failed allocation and the tool as
+// a refused file.
+inline std::string child_report_prefix() { return scratch_path() + "-decoder-report"; }
+inline const bool child_reports_routed = [] {
+    for (const char* variable : {"ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
+        const char* now = std::getenv(variable);
+        std::string options = now != nullptr ? now : "";
+        // Symbolizing would start a program, which the decoder forbids itself.
+        options += (options.empty() ? "" : ":") + std::string("symbolize=0:log_path=") + child_report_prefix();
+        setenv(variable, options.c_str(), 1);  // read by the decoder processes only: ours started already
+    }
+    return true;
+}();
 
-// The DICOM reader decodes in a child process. A child that dies of the
-// toolkit's own assertion or crash is a refused file, exactly as in the tool,
-// so the child gets the default signal actions back instead of the fuzzer's
-// crash handlers. A sanitizer report in the child, though, is a fault in
-// instrumented code: the child leaves the input beside the scratch file as
-// "<scratch>-child-finding-<pid>" for scripts/fuzz.sh to report, since the
-// child's own error output goes nowhere. Except running out of memory: a
-// forged length makes the toolkit ask for gigabytes, which the tool's child
-// meets as a failed allocation and a refused file too.
-inline bool child_ran_out_of_memory = false;
-inline void note_child_report(const char* report) {
-    child_ran_out_of_memory = std::strstr(report, "out-of-memory") != nullptr ||
-                              std::strstr(report, "allocation-size-too-big") != nullptr;
+inline void fail_on_child_report() {
+    glob_t found{};
+    if (glob((child_report_prefix() + ".*").c_str(), 0, nullptr, &found) != 0) return;
+    bool finding = false;
+    for (std::size_t i = 0; i < found.gl_pathc; ++i) {
+        std::FILE* report = std::fopen(found.gl_pathv[i], "r");
+        std::string text;
+        char chunk[4096];
+        std::size_t n = 0;
+        while (report != nullptr && (n = std::fread(chunk, 1, sizeof chunk, report)) > 0) text.append(chunk, n);
+        if (report != nullptr) std::fclose(report);
+        std::remove(found.gl_pathv[i]);
+        if (text.find("out-of-memory") != std::string::npos || text.find("out of memory") != std::string::npos ||
+            text.find("allocation-size-too-big") != std::string::npos)
+            continue;
+        std::fprintf(stderr, "sanitizer report of the DICOM decoder process:\n%s\n", text.c_str());
+        finding = true;
+    }
+    globfree(&found);
+    if (finding) std::abort();
 }
-inline void keep_child_finding() {
-    if (child_ran_out_of_memory) _exit(1);
-    const std::string copy = scratch_path() + "-child-finding-" + std::to_string(getpid());
-    const int from = open(scratch_path().c_str(), O_RDONLY), to = open(copy.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    char chunk[4096];
-    ssize_t n = 0;
-    while (from >= 0 && to >= 0 && (n = read(from, chunk, sizeof chunk)) > 0)
-        if (write(to, chunk, static_cast<std::size_t>(n)) != n) break;
-    _exit(1);
-}
-inline void child_after_fork() {
-    for (const int signal_number : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) std::signal(signal_number, SIG_DFL);
-    __asan_set_error_report_callback(note_child_report);
-    __sanitizer_set_death_callback(keep_child_finding);
-}
-inline const bool child_handling_installed = pthread_atfork(nullptr, nullptr, child_after_fork) == 0;
 
 // Reads `bytes` as an image file. A file that is accepted must describe a
 // whole raster; anything else must be refused with a reason.
@@ -70,6 +75,7 @@ inline void read_as_file(const std::uint8_t* bytes, std::size_t size) {
     std::fclose(file);
     tools::GreyImage image;
     const std::string problem = tools::read_grey_image(scratch_path(), image);
+    fail_on_child_report();
     if (problem.empty()) {
         if (image.height <= 0 || image.width <= 0 ||
             image.samples.size() != static_cast<std::size_t>(image.height) * static_cast<std::size_t>(image.width) ||

@@ -1,29 +1,35 @@
 // DICOM through GDCM, which decodes the compressed transfer syntaxes that
 // computed-radiography files use (JPEG 2000, JPEG-LS, lossless JPEG, RLE).
 // In: single-frame, one-sample greyscale (MONOCHROME1 or MONOCHROME2),
-// unsigned 8- or 16-bit. Out: a derived image, uncompressed, that keeps the
-// input's attributes.
+// unsigned 8- or 16-bit, decoded by a process of its own (dicom_decoder.cpp).
+// Out: a derived image, uncompressed, that keeps the input's attributes.
 #include <gdcmDataSet.h>
-#include <gdcmImage.h>
-#include <gdcmImageReader.h>
-#include <gdcmImageWriter.h>
-#include <gdcmUIDGenerator.h>
-
 #include <gdcmExplicitDataElement.h>
+#include <gdcmImage.h>
+#include <gdcmImageWriter.h>
 #include <gdcmSwapper.h>
-#include <gdcmTrace.h>
+#include <gdcmUIDGenerator.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <filesystem>
 #include <sstream>
+#include <vector>
 
-#include "image_formats.h"
+#include "dicom_decoding.h"
+
+extern char** environ;
 
 namespace krf::tools {
 
@@ -36,9 +42,6 @@ namespace formats {
 namespace {
 
 const gdcm::Tag kPixelData(0x7fe0, 0x0010);
-const gdcm::Tag kNumberOfFrames(0x0028, 0x0008);
-const gdcm::Tag kRescaleSlope(0x0028, 0x1053);
-const gdcm::Tag kRescaleIntercept(0x0028, 0x1052);
 
 // Even-length text value, as DICOM requires (padded with a blank; UIDs with NUL).
 void set_text(gdcm::DataSet& dataset, const gdcm::Tag& tag, gdcm::VR vr, std::string text) {
@@ -47,24 +50,6 @@ void set_text(gdcm::DataSet& dataset, const gdcm::Tag& tag, gdcm::VR vr, std::st
     element.SetVR(vr);
     element.SetByteValue(text.data(), static_cast<std::uint32_t>(text.size()));
     dataset.Replace(element);
-}
-
-std::string text_of(const gdcm::DataSet& dataset, const gdcm::Tag& tag) {
-    if (!dataset.FindDataElement(tag)) return {};
-    const gdcm::ByteValue* value = dataset.GetDataElement(tag).GetByteValue();
-    if (value == nullptr) return {};
-    std::string text(value->GetPointer(), value->GetLength());
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\0')) text.pop_back();
-    return text;
-}
-
-// The tool reports each problem in one line of its own; the toolkit's
-// multi-line warnings (about attributes it fills in itself) would only
-// clutter the output.
-void quiet_toolkit() {
-    gdcm::Trace::WarningOff();
-    gdcm::Trace::ErrorOff();
-    gdcm::Trace::DebugOff();
 }
 
 std::string new_uid() {
@@ -81,133 +66,6 @@ bool looks_like_dicom(FILE* file) {
 }
 
 namespace {
-
-// The toolkit accepts a file that ends inside its uncompressed pixel data and
-// fills the missing samples with zeros (it says so only in a warning, which
-// release builds drop). Finds the Pixel Data header with this length, in
-// explicit or implicit little-endian form, and tells whether the file ends
-// before the value does. A file where no such header is found is left to the
-// toolkit's judgement.
-bool ends_inside_pixel_data(const std::string& path, std::uint32_t length) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    unsigned char size[4];
-    for (int i = 0; i < 4; ++i) size[i] = static_cast<unsigned char>(length >> (8 * i));
-    const std::string tag("\xe0\x7f\x10\x00", 4), size_bytes(reinterpret_cast<const char*>(size), 4);
-    const std::string headers[] = {tag + "OW" + std::string(2, '\0') + size_bytes,
-                                   tag + "OB" + std::string(2, '\0') + size_bytes, tag + size_bytes};
-    for (const std::string& header : headers) {
-        const std::size_t at = bytes.rfind(header);
-        if (at != std::string::npos) return bytes.size() - (at + header.size()) < length;
-    }
-    return false;
-}
-
-// The decoding proper, run in a child process by read_dicom.
-std::string decode(const std::string& path, GreyImage& image, gdcm::DataSet& attributes) {
-    gdcm::ImageReader reader;
-    reader.SetFileName(path.c_str());
-    const bool read = reader.Read();
-    if (!read) {
-        const gdcm::DataSet& partial = reader.GetFile().GetDataSet();
-        if (!partial.IsEmpty() && !partial.FindDataElement(kPixelData)) return "DICOM file without pixel data";
-        return "corrupt, truncated or unsupported DICOM file";
-    }
-    const gdcm::Image& dicom = reader.GetImage();
-    const gdcm::DataSet& dataset = reader.GetFile().GetDataSet();
-    const unsigned* dims = dicom.GetDimensions();
-    const std::string frames = text_of(dataset, kNumberOfFrames);
-    if ((dicom.GetNumberOfDimensions() > 2 && dims[2] > 1) || (!frames.empty() && std::atoi(frames.c_str()) > 1))
-        return "multi-frame DICOM is not supported (" + (frames.empty() ? std::to_string(dims[2]) : frames) +
-               " frames)";
-    const gdcm::PixelFormat format = dicom.GetPixelFormat();
-    const gdcm::PhotometricInterpretation photometric = dicom.GetPhotometricInterpretation();
-    if (format.GetSamplesPerPixel() != 1)
-        return "not a greyscale image (DICOM with " + std::to_string(format.GetSamplesPerPixel()) +
-               " samples per pixel)";
-    if (photometric != gdcm::PhotometricInterpretation::MONOCHROME1 &&
-        photometric != gdcm::PhotometricInterpretation::MONOCHROME2)
-        return std::string("not a greyscale image (DICOM photometric interpretation ") +
-               gdcm::PhotometricInterpretation::GetPIString(photometric) + ")";
-    const int allocated = format.GetBitsAllocated(), stored = format.GetBitsStored();
-    if (allocated != 8 && allocated != 16)
-        return "DICOM with " + std::to_string(allocated) + " bits allocated (only 8 and 16 are supported)";
-    if (stored < 1 || stored > allocated)
-        return "DICOM BitsStored " + std::to_string(stored) + " does not fit BitsAllocated " +
-               std::to_string(allocated);
-    if (format.GetHighBit() != stored - 1) return "DICOM HighBit other than BitsStored - 1 is not supported";
-    if (format.GetPixelRepresentation() != 0) return "signed DICOM samples are not supported";
-    if (!size_acceptable(dims[1], dims[0])) return size_problem(dims[1], dims[0]);
-
-    const std::size_t count = static_cast<std::size_t>(dims[0]) * dims[1];
-    const std::size_t bytes = count * static_cast<std::size_t>(allocated / 8);
-    if (dicom.GetBufferLength() != bytes) return "DICOM pixel data of unexpected length";
-    // The buffer length above follows from the rows and columns alone; the
-    // element itself must hold that many bytes, or the toolkit would hand out
-    // samples the file does not have.
-    if (!dicom.GetTransferSyntax().IsEncapsulated()) {
-        const gdcm::ByteValue* stored = dataset.GetDataElement(kPixelData).GetByteValue();
-        if (stored == nullptr || stored->GetLength() < bytes)
-            return "DICOM pixel data shorter than its rows and columns need";
-        if (ends_inside_pixel_data(path, stored->GetLength())) return "truncated DICOM file (the pixel data ends early)";
-    }
-    std::vector<char> buffer(bytes);
-    if (!dicom.GetBuffer(buffer.data()))
-        return std::string("cannot decode the DICOM pixel data (transfer syntax ") +
-               dicom.GetTransferSyntax().GetString() + ")";
-
-    image.height = static_cast<int>(dims[1]);
-    image.width = static_cast<int>(dims[0]);
-    image.bit_depth = allocated;
-    image.white = static_cast<int>((1u << stored) - 1);
-    image.samples.resize(count);
-    // Bits above BitsStored are no part of the sample (old files keep
-    // overlays there): they are dropped.
-    const auto mask = static_cast<std::uint16_t>(image.white);
-    if (allocated == 8) {
-        for (std::size_t i = 0; i < count; ++i)
-            image.samples[i] = static_cast<std::uint16_t>(static_cast<unsigned char>(buffer[i]) & mask);
-    } else {
-        std::memcpy(image.samples.data(), buffer.data(), bytes);  // GDCM gives host (little-endian) order
-        for (std::uint16_t& v : image.samples) v &= mask;
-    }
-    const bool inverted = photometric == gdcm::PhotometricInterpretation::MONOCHROME1;
-    image.photometric = inverted ? Photometric::monochrome1 : Photometric::monochrome2;
-    image.notes = inverted ? "MONOCHROME1 (0 is white)" : "MONOCHROME2 (0 is black)";
-    if (dataset.FindDataElement(kRescaleSlope) || dataset.FindDataElement(kRescaleIntercept))
-        image.notes += "; rescale slope/intercept not applied, filters see the stored values";
-
-    attributes = dataset;
-    attributes.Remove(kPixelData);
-    return {};
-}
-
-// ---- The child's report to its parent, through a pipe: one byte of outcome
-// ('E' then the message, or 'O' then the image), all in host byte order. The
-// attributes travel as an explicit-VR data set, which the parent reads back
-// from bytes this code wrote, never from the untrusted file.
-
-void put_bytes(std::string& out, const void* data, std::size_t size) {
-    out.append(static_cast<const char*>(data), size);
-}
-void put_int(std::string& out, std::int64_t v) { put_bytes(out, &v, sizeof v); }
-void put_text(std::string& out, const std::string& text) {
-    put_int(out, static_cast<std::int64_t>(text.size()));
-    out += text;
-}
-
-std::string encode_report(const std::string& problem, const GreyImage& image, const gdcm::DataSet& attributes) {
-    if (!problem.empty()) return "E" + problem;
-    std::string out = "O";
-    for (const int v : {image.height, image.width, image.bit_depth, image.white, static_cast<int>(image.photometric)})
-        put_int(out, v);
-    put_text(out, image.notes);
-    std::ostringstream dataset;
-    attributes.Write<gdcm::ExplicitDataElement, gdcm::SwapperNoOp>(dataset);
-    put_text(out, dataset.str());
-    put_bytes(out, image.samples.data(), image.samples.size() * sizeof(std::uint16_t));
-    return out;
-}
 
 class ReportReader {
 public:
@@ -242,6 +100,9 @@ std::string decode_report(const std::string& report, GreyImage& image) {
         if (!in.get_int(value)) return "internal error: short report from the DICOM decoder";
     if (!size_acceptable(static_cast<std::uint64_t>(v[0]), static_cast<std::uint64_t>(v[1])))
         return size_problem(static_cast<std::uint64_t>(v[0]), static_cast<std::uint64_t>(v[1]));
+    if ((v[2] != 8 && v[2] != 16) || v[3] < 1 || v[3] > 65535)
+        return "internal error: DICOM decoder reports bit depth " + std::to_string(v[2]) + ", white " +
+               std::to_string(v[3]);
     image.height = static_cast<int>(v[0]);
     image.width = static_cast<int>(v[1]);
     image.bit_depth = static_cast<int>(v[2]);
@@ -260,67 +121,151 @@ std::string decode_report(const std::string& report, GreyImage& image) {
     return {};
 }
 
+// The decoder installed with the tool, or built beside it in the build tree
+// (where the tests and benchmarks run one folder below the tool).
+std::string find_decoder(std::string& decoder) {
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0) return system_error("cannot find the DICOM decoder (the running program's location)");
+    const std::string program(self, static_cast<std::size_t>(length));
+    const std::string folder = program.substr(0, program.rfind('/') + 1);
+    for (const char* relative : {KRFILTER_DECODER_FROM_BINDIR, "../libexec/krfilter", "libexec/krfilter"}) {
+        decoder = folder + relative + "/" + kDicomDecoderName;
+        if (access(decoder.c_str(), X_OK) == 0) return {};
+    }
+    decoder = folder + KRFILTER_DECODER_FROM_BINDIR + "/" + kDicomDecoderName;
+    return "cannot find the DICOM decoder " + decoder;
+}
+
+// A folder of its own for the decoder's temporary files: on a lossless JPEG
+// its codec rejects, the toolkit writes the data to a temporary file for an
+// outside program and leaves it there when that program cannot be started.
+// The folder goes, with whatever is in it, when the decoder has ended.
+class DecoderFolder {
+public:
+    DecoderFolder() {
+        const char* base = std::getenv("TMPDIR");
+        std::string name = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/krfilter-decoder-XXXXXX";
+        if (mkdtemp(name.data()) != nullptr) path_ = name;
+    }
+    DecoderFolder(const DecoderFolder&) = delete;
+    DecoderFolder& operator=(const DecoderFolder&) = delete;
+    ~DecoderFolder() {
+        std::error_code ignored;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Starts `decoder` on `path` in a process group of its own, with the report
+// coming through a pipe that no other process started meanwhile (by another
+// thread) inherits, and TMPDIR set to `temporary_folder`. Returns its process
+// id, or -1 with errno set.
+pid_t start_decoder(const std::string& decoder, const std::string& path, const std::string& temporary_folder,
+                    int& report_fd) {
+    int channel[2];
+    if (pipe2(channel, O_CLOEXEC) != 0) return -1;
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attributes);
+    posix_spawn_file_actions_adddup2(&actions, channel[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    // A server may ignore SIGPIPE or block signals in its threads; the
+    // decoder gets the default actions, so that it ends when nobody reads.
+    sigset_t no_signals, defaults;
+    sigemptyset(&no_signals);
+    sigemptyset(&defaults);
+    for (const int signal_number : {SIGPIPE, SIGINT, SIGTERM, SIGHUP}) sigaddset(&defaults, signal_number);
+    posix_spawnattr_setsigmask(&attributes, &no_signals);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    char* const argv[] = {const_cast<char*>(decoder.c_str()), const_cast<char*>(path.c_str()), nullptr};
+    // The environment as it is (sanitizer options travel with it), but for TMPDIR.
+    std::string temporary = "TMPDIR=" + temporary_folder;
+    std::vector<char*> environment;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+        if (std::strncmp(*variable, "TMPDIR=", 7) != 0) environment.push_back(*variable);
+    if (!temporary_folder.empty()) environment.push_back(temporary.data());
+    environment.push_back(nullptr);
+    pid_t child = -1;
+    const int failure = posix_spawn(&child, decoder.c_str(), &actions, &attributes, argv, environment.data());
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    close(channel[1]);
+    if (failure != 0) {
+        close(channel[0]);
+        errno = failure;
+        return -1;
+    }
+    report_fd = channel[0];
+    return child;
+}
+
+enum class Ending { complete, too_slow, too_long };
+
+// Collects everything the decoder writes until it closes its output, the
+// time is up or the report grows past `max_bytes`.
+Ending collect_report(int fd, int seconds, std::uint64_t max_bytes, std::string& report) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    std::vector<char> chunk(1 << 16);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                                std::chrono::steady_clock::now());
+        if (left.count() <= 0) return Ending::too_slow;
+        pollfd wait_for{fd, POLLIN, 0};
+        const int ready = poll(&wait_for, 1, static_cast<int>(std::min<std::int64_t>(left.count(), INT_MAX)));
+        if (ready < 0 && errno != EINTR) return Ending::complete;  // cannot happen with a valid descriptor
+        if (ready <= 0) continue;
+        const ssize_t n = read(fd, chunk.data(), chunk.size());
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n <= 0) return Ending::complete;
+        if (report.size() + static_cast<std::size_t>(n) > max_bytes) return Ending::too_long;
+        report.append(chunk.data(), static_cast<std::size_t>(n));
+    }
+}
+
 }  // namespace
 
-// The toolkit stops the whole process (an assertion) on some damaged files,
-// and a batch run must outlive any one file: the file is decoded in a child
-// process, and a child that dies is a refused file.
-std::string read_dicom(const std::string& path, GreyImage& image, WhiteSource& source) {
-    int channel[2];
-    if (pipe(channel) != 0) return system_error("cannot start the DICOM decoder");
-    const pid_t child = fork();
-    if (child < 0) {
-        close(channel[0]);
-        close(channel[1]);
-        return system_error("cannot start the DICOM decoder");
-    }
-    if (child == 0) {
-        close(channel[0]);
-        quiet_toolkit();
-        // The image decoders below the toolkit print their own complaints;
-        // the parent reports the file's problem in one line.
-        const int null_device = open("/dev/null", O_WRONLY);
-        if (null_device >= 0) dup2(null_device, STDERR_FILENO);
-        GreyImage decoded;
-        gdcm::DataSet attributes;
-        std::string report;
-        try {
-            const std::string problem = decode(path, decoded, attributes);
-            report = encode_report(problem, decoded, attributes);
-        } catch (const std::exception& e) {
-            report = std::string("Ecorrupt or unsupported DICOM file (") + e.what() + ")";
-        }
-        std::size_t sent = 0;
-        while (sent < report.size()) {
-            const ssize_t n = write(channel[1], report.data() + sent, report.size() - sent);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) _exit(1);
-            sent += static_cast<std::size_t>(n);
-        }
-        // No destructors, no exit handlers: the parent owns everything else.
-        _exit(0);
-    }
-    close(channel[1]);
+std::string run_dicom_decoder(const std::string& decoder, const std::string& path, int seconds,
+                              std::uint64_t max_report_bytes, GreyImage& image) {
+    const DecoderFolder temporary_folder;
+    int report_fd = -1;
+    const pid_t child = start_decoder(decoder, path, temporary_folder.path(), report_fd);
+    if (child < 0) return system_error(("cannot start the DICOM decoder " + decoder).c_str());
     std::string report;
-    char chunk[1 << 16];
-    for (;;) {
-        const ssize_t n = read(channel[0], chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        report.append(chunk, static_cast<std::size_t>(n));
-    }
-    close(channel[0]);
+    const Ending ending = collect_report(report_fd, seconds, max_report_bytes, report);
+    close(report_fd);
+    // The whole group: whatever the decoder started goes with it. After a
+    // complete report this only meets a process that has already ended.
+    kill(-child, SIGKILL);
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) report.clear();
-    const std::string problem = decode_report(report, image);
-    if (!problem.empty()) {
-        image = GreyImage{};
-        return problem;
-    }
-    source = WhiteSource::dicom_bits_stored;
-    return {};
+    const std::string problem =
+        ending == Ending::too_slow ? "DICOM decoding stopped after " + std::to_string(seconds) +
+                                         " s (a damaged or forged file)"
+        : ending == Ending::too_long ? "DICOM decoder stopped: its output outgrew any image of this file's size"
+                                     : decode_report(report, image);
+    if (!problem.empty()) image = GreyImage{};
+    return problem;
+}
+
+std::string read_dicom(const std::string& path, GreyImage& image, WhiteSource& source) {
+    std::string decoder;
+    const std::string missing = find_decoder(decoder);
+    if (!missing.empty()) return missing;
+    struct stat info {};
+    const std::uint64_t file_size = stat(path.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+    const std::string problem =
+        run_dicom_decoder(decoder, path, decoder_seconds(file_size), max_report_bytes(file_size), image);
+    if (problem.empty()) source = WhiteSource::dicom_bits_stored;
+    return problem;
 }
 
 std::string write_dicom(const std::string& temp_path, const GreyImage& image) {

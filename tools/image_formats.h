@@ -3,6 +3,7 @@
 // per format (png_file.cpp, tiff_file.cpp, dicom_file.cpp).
 #pragma once
 
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -18,8 +19,14 @@ namespace krf::tools::formats {
 constexpr std::int64_t kMaxSamples = std::int64_t{1} << 28;
 
 std::string system_error(const char* what);
-bool size_acceptable(std::uint64_t height, std::uint64_t width);
-std::string size_problem(std::uint64_t height, std::uint64_t width);
+inline bool size_acceptable(std::uint64_t height, std::uint64_t width) {
+    return height >= 1 && width >= 1 && height <= INT_MAX && width <= INT_MAX &&
+           static_cast<std::int64_t>(height * width) <= kMaxSamples;
+}
+inline std::string size_problem(std::uint64_t height, std::uint64_t width) {
+    return "unsupported image size " + std::to_string(width) + " x " + std::to_string(height) +
+           (height == 0 || width == 0 ? " (empty)" : " (too large)");
+}
 // Bits needed to represent the white level, at most the bit depth.
 int significant_bits(int white, int bit_depth);
 
@@ -51,6 +58,10 @@ constexpr const char* kTemporaryPrefix = ".krfilter-";
 std::string read_png(FILE* file, GreyImage& image, WhiteSource& source);
 std::string read_tiff(const std::string& path, GreyImage& image, WhiteSource& source);
 std::string read_dicom(const std::string& path, GreyImage& image, WhiteSource& source);
+// read_dicom's work with a given decoder program and limits: the decoder is
+// stopped, and the file refused, after `seconds` or `max_report_bytes`.
+std::string run_dicom_decoder(const std::string& decoder, const std::string& path, int seconds,
+                              std::uint64_t max_report_bytes, GreyImage& image);
 
 // Writers: `rows` holds one pointer per row to width × channels samples of
 // `bits` bits (channels 1 for grey, 3 for RGB).

@@ -24,16 +24,6 @@ namespace formats {
 
 std::string system_error(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
-bool size_acceptable(std::uint64_t height, std::uint64_t width) {
-    return height >= 1 && width >= 1 && height <= INT_MAX && width <= INT_MAX &&
-           static_cast<std::int64_t>(height * width) <= kMaxSamples;
-}
-
-std::string size_problem(std::uint64_t height, std::uint64_t width) {
-    return "unsupported image size " + std::to_string(width) + " x " + std::to_string(height) +
-           (height == 0 || width == 0 ? " (empty)" : " (too large)");
-}
-
 int significant_bits(int white, int bit_depth) {
     const int bits = std::bit_width(static_cast<unsigned>(std::max(white, 1)));
     return std::min(bits, bit_depth);

@@ -15,6 +15,8 @@ soname=$(objdump -p "$prefix"/lib*/libkrfilter.so* 2>/dev/null | awk '/SONAME/ &
 [ "$soname" = "libkrfilter.so.0" ] || { echo "SONAME is '$soname', expected libkrfilter.so.0"; exit 1; }
 [ -x "$prefix/bin/krfilter" ] || { echo "the krfilter tool was not installed"; exit 1; }
 "$prefix/bin/krfilter" list >/dev/null
+# The installed tool reads DICOM through the decoder installed with it.
+"$prefix/bin/krfilter" run --dry-run reverse "$source/../shared/data/RG3_J2KR.dcm" "$work/out.dcm" >/dev/null
 
 host="$work/host"
 mkdir -p "$host"

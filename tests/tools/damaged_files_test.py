@@ -15,6 +15,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -22,6 +23,7 @@ import cli_test  # noqa: E402  (the sound PNG and TIFF writers)
 
 KRFILTER = None
 DATA = None
+CORPUS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "fuzz", "corpus", "fuzz_dicom_reader")
 
 
 def run(*args):
@@ -147,6 +149,34 @@ class DamagedFiles(unittest.TestCase):
         for name, content in cases.items():
             with self.subTest(name=name):
                 self.expect_refused(name, content)
+
+    def test_forged_compressed_dicom_is_refused_at_once(self):
+        # A 1 KB lossless JPEG with a bad Huffman table, which once kept the
+        # decoder busy for minutes, and a real radiograph whose JPEG 2000
+        # frame claims 60000 columns: both must be refused in seconds.
+        with open(os.path.join(CORPUS, "lossless-jpeg-bad-huffman-table.dcm"), "rb") as f:
+            cases = {"bad-huffman.dcm": f.read()}
+        with open(os.path.join(DATA, "RG3_J2KR.dcm"), "rb") as f:
+            real = bytearray(f.read())
+        siz = real.index(b"\xff\x4f\xff\x51") + 8
+        struct.pack_into(">I", real, siz, 60000)
+        cases["j2k-wide-frame.dcm"] = bytes(real)
+        # The toolkit writes the lossless JPEG to a temporary file for an
+        # outside decoder, which may not run: nothing of it may stay behind.
+        temporary, before = tempfile.mkdtemp(dir=self.folder.name), os.environ.get("TMPDIR")
+        os.environ["TMPDIR"] = temporary
+        try:
+            for name, content in cases.items():
+                with self.subTest(name=name):
+                    started = time.monotonic()
+                    self.expect_refused(name, content)
+                    self.assertLess(time.monotonic() - started, 5, name)
+                    self.assertEqual(os.listdir(temporary), [], name)
+        finally:
+            if before is None:
+                del os.environ["TMPDIR"]
+            else:
+                os.environ["TMPDIR"] = before
 
     def test_flipped_bits_never_crash_the_tool(self):
         # A flip may leave a readable image (a changed sample) or damage the

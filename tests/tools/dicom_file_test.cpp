@@ -11,12 +11,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <tuple>
 
 #include "file_test_folder.h"
+#include "image_formats.h"
 #include "image_io.h"
 #include "phantom.h"
 
@@ -179,6 +181,46 @@ TEST_F(DicomFiles, UnsuitableAndTruncatedFilesAreRefusedInOneLine) {
         EXPECT_EQ(problem.find('\n'), std::string::npos) << name;
         EXPECT_TRUE(image.samples.empty()) << name;
     }
+}
+
+// Stand-ins for the decoder, as shell scripts: the tool's side must stop and
+// clear away a decoder that hangs (with whatever it started), floods its
+// output or dies (with its temporary files), and refuse the file in one line
+// each time.
+TEST_F(DicomFiles, DecoderThatHangsFloodsOrDiesIsStoppedAndTheFileRefused) {
+    const std::string stray = path("stray.pid");
+    const std::pair<const char*, std::string> decoders[] = {
+        {"stopped after 1 s", "sleep 60 & echo $! > " + stray + "\nwait\n"},
+        {"outgrew", "exec cat /dev/zero\n"},
+        {"the decoder stopped on it", "echo $TMPDIR > " + path("tmpdir") + "\necho x > $TMPDIR/left\nkill -SEGV $$\n"},
+        {"short report", "printf O1234\n"},
+    };
+    std::ofstream(path("input.dcm")) << "not read by the stand-ins";
+    for (const auto& [words, script] : decoders) {
+        const std::string decoder = path("decoder.sh");
+        std::ofstream(decoder) << "#!/bin/sh\n" << script;
+        fs::permissions(decoder, fs::perms::owner_all);
+        GreyImage image;
+        image.samples.assign(3, 7);
+        const auto started = std::chrono::steady_clock::now();
+        const std::string problem = formats::run_dicom_decoder(decoder, path("input.dcm"), 1, 1 << 20, image);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5)) << words;
+        EXPECT_NE(problem.find(words), std::string::npos) << problem;
+        EXPECT_EQ(problem.find('\n'), std::string::npos) << problem;
+        EXPECT_TRUE(image.samples.empty()) << words;
+    }
+    // The dead decoder's temporary file went with the folder it was given.
+    std::string folder;
+    ASSERT_TRUE(std::ifstream(path("tmpdir")) >> folder);
+    EXPECT_NE(folder.find("krfilter-decoder-"), std::string::npos) << folder;
+    EXPECT_FALSE(fs::exists(folder)) << folder;
+    // The hanging decoder's background process went with it (a process that
+    // has ended but is not yet collected by its new parent counts as gone).
+    int pid = 0;
+    ASSERT_TRUE(std::ifstream(stray) >> pid);
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string pid_field, name, state;
+    if (stat >> pid_field >> name >> state) EXPECT_EQ(state, "Z") << "the decoder's background process still runs";
 }
 
 }  // namespace
