@@ -98,8 +98,8 @@ constexpr std::array<Colour, 256> make_palette() {
 
 constexpr std::array<Colour, 256> kPalette = make_palette();
 
-// The same colours as little-endian words (red in the low byte), so that four
-// pixels go out as one 8-byte and one 4-byte store instead of twelve bytes.
+// The same colours as words with red in the low byte, so that neighbouring
+// pixels are joined with shifts and leave in whole 8-byte stores.
 constexpr std::array<std::uint32_t, 256> make_packed_palette() {
     std::array<std::uint32_t, 256> packed{};
     for (int i = 0; i < 256; ++i)
@@ -110,33 +110,31 @@ constexpr std::array<std::uint32_t, 256> make_packed_palette() {
 
 constexpr std::array<std::uint32_t, 256> kPackedPalette = make_packed_palette();
 
-// Levels above 255 cannot come from the 8-bit copy; with white 255 they are
-// samples above white and show as white does.
-inline Sample palette_index(Sample level) { return std::min<Sample>(level, 255); }
-
-void paint_row(const Sample* levels, unsigned char* out, int width) {
+// Writes the colour of every sample into one row of the RGB buffer, through
+// a table of packed colours indexed by min(sample, white).
+void paint_row(const Sample* samples, unsigned char* out, int width, Sample white, const std::uint32_t* colours) {
+    const auto colour = [&](int c) { return colours[std::min(samples[c], white)]; };
     int c = 0;
     if constexpr (std::endian::native == std::endian::little) {
-        for (; c + 4 <= width; c += 4) {
-            const std::uint64_t p0 = kPackedPalette[palette_index(levels[c])];
-            const std::uint64_t p1 = kPackedPalette[palette_index(levels[c + 1])];
-            const std::uint64_t p2 = kPackedPalette[palette_index(levels[c + 2])];
-            const std::uint32_t p3 = kPackedPalette[palette_index(levels[c + 3])];
-            const std::uint64_t first8 = p0 | p1 << 24 | p2 << 48;
-            const std::uint32_t last4 = static_cast<std::uint32_t>(p2 >> 16) | p3 << 8;
-            std::memcpy(out + 3 * static_cast<std::size_t>(c), &first8, 8);
-            std::memcpy(out + 3 * static_cast<std::size_t>(c) + 8, &last4, 4);
+        // Eight pixels are 24 bytes: three 8-byte stores instead of 24 byte stores.
+        for (; c + 8 <= width; c += 8) {
+            const std::uint64_t p0 = colour(c), p1 = colour(c + 1), p2 = colour(c + 2), p3 = colour(c + 3);
+            const std::uint64_t p4 = colour(c + 4), p5 = colour(c + 5), p6 = colour(c + 6), p7 = colour(c + 7);
+            const std::uint64_t first = p0 | p1 << 24 | p2 << 48;
+            const std::uint64_t second = p2 >> 16 | p3 << 8 | p4 << 32 | p5 << 56;
+            const std::uint64_t third = p5 >> 8 | p6 << 16 | p7 << 40;
+            unsigned char* at = out + 3 * static_cast<std::size_t>(c);
+            std::memcpy(at, &first, 8);
+            std::memcpy(at + 8, &second, 8);
+            std::memcpy(at + 16, &third, 8);
         }
     }
-    for (; c < width; ++c)
-        std::memcpy(out + 3 * static_cast<std::size_t>(c), kPalette[palette_index(levels[c])].data(), 3);
-}
-
-// Writes the colour of every level into the RGB buffer, pixel (r, c) at byte
-// (r × width + c) × 3, rows one after the other.
-void paint(Rows levels, unsigned char* rgb, int height, int width) {
-    for (int r = 0; r < height; ++r)
-        paint_row(levels[r], rgb + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * 3, width);
+    for (; c < width; ++c) {
+        const std::uint32_t packed = colour(c);
+        const unsigned char bytes[3] = {static_cast<unsigned char>(packed), static_cast<unsigned char>(packed >> 8),
+                                        static_cast<unsigned char>(packed >> 16)};
+        std::memcpy(out + 3 * static_cast<std::size_t>(c), bytes, 3);
+    }
 }
 
 }  // namespace
@@ -146,22 +144,32 @@ int colorize(Rows src, unsigned char* rgb, int height, int width, int white) noe
     // The buffer comes from the input image; when it could not be made there
     // is nowhere to write, which is an exhausted-memory failure.
     if (rgb == nullptr) return kNoBuffer;
-    if (white == 255) {
-        paint(src, rgb, height, width);
-        return 0;
+    // A white level of 255 uses the samples as palette indices; samples above
+    // it show as white does, which the palette itself does as a table of
+    // white + 1 colours.
+    const std::uint32_t* colours = kPackedPalette.data();
+    ScratchArray<std::uint32_t> scaled;
+    if (white != 255) {
+        // The 8-bit level of a sample and its colour are both functions of
+        // min(sample, white), so one table of white + 1 colours gives the
+        // same bytes as scaling the image to 8 bits first and painting that
+        // copy, without the copy.
+        if (white < 0 || !scaled.allocate(std::int64_t{white} + 1)) return kNoBuffer;
+        for (int i = 0; i <= white; ++i) {
+            // A white level of 0 leaves no range to scale (0 × 255 / 0 has no
+            // value): like every undefined level of this library it shows as
+            // level 0, so the whole image takes the first palette colour.
+            const Sample level = white == 0 ? 0 : to_table_entry(i * 255.0 / white);
+            // Levels above 255 cannot come out of the scaling; should one, it
+            // shows as the top of the palette.
+            scaled[i] = kPackedPalette[std::min<Sample>(level, 255)];
+        }
+        colours = scaled.get();
     }
-    Raster levels;
-    if (const int code = levels.allocate(height, width); code != 0) return code;
-    const int code = run_table(src, levels.rows(), height, width, white, [&](Sample* table) {
-        // A white level of 0 leaves no range to scale (0 × 255 / 0 has no
-        // value): like every undefined level of this library it shows as
-        // level 0, so the whole image takes the first palette colour.
-        if (white == 0) return 0;
-        for (int i = 0; i <= white; ++i) table[i] = to_table_entry(i * 255.0 / white);
-        return 0;
-    });
-    if (code != 0) return code;
-    paint(levels.rows(), rgb, height, width);
+    const Sample cap = static_cast<Sample>(std::min(white, 0xFFFF));
+    for (int r = 0; r < height; ++r)
+        paint_row(src[r], rgb + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * 3, width, cap,
+                  colours);
     return 0;
 }
 
