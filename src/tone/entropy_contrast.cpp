@@ -56,15 +56,14 @@ int entropy_contrast(Rows src, Rows dst, int height, int width, int white, int g
     // stretching table gives exactly that. Running out of memory stops the
     // filter, with the output untouched, as everywhere else in the library.
     LevelCuts cuts{};
-    if (const int code =
-            shannon_cuts(src, height, width, white, params.borders, params.low_th, params.high_th, &cuts))
+    if (const int code = shannon_cuts(src, height, width, white, params.borders, params.low_th, params.high_th,
+                                      &cuts, input_hist.get()))
         return code;
     const double w = white;
     ll_ul_table(white, cuts.lo / w, cuts.hi / w, stretch.get());
 
     // The stretched image's histogram, its samples clamped to white like
     // every counted sample; the counters wrap alike.
-    count_histogram(src, height, width, white, input_hist.get());
     auto* counters = reinterpret_cast<std::uint32_t*>(hist.get());
     const auto* input_counters = reinterpret_cast<const std::uint32_t*>(input_hist.get());
     for (int v = 0; v <= white; ++v) counters[std::min<int>(stretch[v], white)] += input_counters[v];

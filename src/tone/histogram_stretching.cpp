@@ -58,7 +58,7 @@ constexpr Count kRememberedCounts = 4096;
 }  // namespace
 
 int shannon_cuts(Rows src, int height, int width, int white, Borders borders, double low_th, double high_th,
-                 LevelCuts* cuts) noexcept {
+                 LevelCuts* cuts, Count* whole) noexcept {
     if (white < 0) return kNoBuffer;
     const std::int64_t levels = std::int64_t{white} + 1;
     ScratchArray<Count> hist;
@@ -67,6 +67,21 @@ int shannon_cuts(Rows src, int height, int width, int white, Borders borders, do
     // Counted where it lies: a copy of the region would give the same counts.
     const Region region = region_inside(height, width, borders);
     count_histogram_region(src, region.first_row, region.rows, region.first_col, region.cols, white, hist.get());
+    if (whole != nullptr) {
+        // The rest of the image around the region (bands above and below it,
+        // and beside it in its rows), then the region's own counts.
+        const int top = std::clamp(region.first_row, 0, std::max(height, 0));
+        const int bottom = std::clamp(region.first_row + region.rows, top, std::max(height, 0));
+        const int left = std::clamp(region.first_col, 0, std::max(width, 0));
+        const int right = std::clamp(region.first_col + region.cols, left, std::max(width, 0));
+        count_histogram_region(src, 0, top, 0, width, white, whole);
+        add_to_histogram(src, top, bottom - top, 0, left, white, whole);
+        add_to_histogram(src, top, bottom - top, right, width - right, white, whole);
+        add_to_histogram(src, bottom, height - bottom, 0, width, white, whole);
+        auto* sum = reinterpret_cast<std::uint32_t*>(whole);
+        const auto* inside = reinterpret_cast<const std::uint32_t*>(hist.get());
+        for (std::int64_t i = 0; i < levels; ++i) sum[i] += inside[i];
+    }
 
     // Accumulated in ascending level order; the total is that same sum,
     // so the last share is exactly 1. An empty region makes every p NaN,

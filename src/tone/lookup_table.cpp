@@ -82,8 +82,14 @@ int count_histogram(Rows rows, int height, int width, int white, Count* hist) no
 int count_histogram_region(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
                            Count* hist) noexcept {
     if (white < 0) return 0;
+    std::memset(hist, 0, (static_cast<std::size_t>(white) + 1) * sizeof(Count));
+    return add_to_histogram(rows, first_row, row_count, first_col, col_count, white, hist);
+}
+
+int add_to_histogram(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
+                     Count* hist) noexcept {
+    if (white < 0) return 0;
     const std::size_t levels = static_cast<std::size_t>(white) + 1;
-    std::memset(hist, 0, levels * sizeof(Count));
     const Sample cap = static_cast<Sample>(std::min(white, 0xFFFF));
     // Counting through the unsigned view of the same counters: a raster of
     // 2^31 equal samples wraps the counter instead of overflowing it.

@@ -53,6 +53,9 @@ int count_histogram(Rows rows, int height, int width, int white, Count* hist) no
 // first_col ... first_col + col_count - 1 only (none when a count is below 1).
 int count_histogram_region(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
                            Count* hist) noexcept;
+// As count_histogram_region, but adds to the counters as they are.
+int add_to_histogram(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
+                     Count* hist) noexcept;
 
 // The common shape of a point operation: allocate a zero-filled table of
 // white + 1 entries (1007100 when that fails), let `fill` compute it (a
@@ -130,12 +133,14 @@ int shannon_stretching(Rows src, Rows dst, int height, int width, int white, Bor
                        double high_th) noexcept;
 
 // The levels where "ShannonStretching" cuts its window, from the histogram
-// of the region inside the borders. Returns 0 or kNoBuffer.
+// of the region inside the borders. When `whole` is given it receives the
+// histogram of the entire image (white + 1 counters), from the same pass
+// over the samples. Returns 0 or kNoBuffer.
 struct LevelCuts {
     int lo, hi;
 };
 int shannon_cuts(Rows src, int height, int width, int white, Borders borders, double low_th, double high_th,
-                 LevelCuts* cuts) noexcept;
+                 LevelCuts* cuts, Count* whole = nullptr) noexcept;
 
 // ---- Display transforms (display.cpp) ----
 int reverse(Rows src, Rows dst, int height, int width, int white) noexcept;
