@@ -147,6 +147,19 @@ int reverse(Rows src, Rows dst, int height, int width, int white) noexcept;
 int flip(Rows src, Rows dst, int height, int width, int ignored, int horizontal, int vertical) noexcept;
 int colorize(Rows src, unsigned char* rgb, int height, int width, int white) noexcept;
 
+// One row of "colorize": for every sample the colour table's entry at
+// min(sample, white), a word with red in the low byte, written out as its
+// three bytes red, green, blue.
+using PaintRowKernel = void (*)(const Sample* samples, unsigned char* out, std::int64_t width, Sample white,
+                                const std::uint32_t* colours) noexcept;
+void paint_row_portable(const Sample* samples, unsigned char* out, std::int64_t width, Sample white,
+                        const std::uint32_t* colours) noexcept;
+// The instruction sets a row kernel can be built for.
+enum class VectorPath { portable, avx2, avx512 };
+// The kernel for `path`, or null when this processor lacks it (so a test can
+// prove every kernel the processor runs equal to the portable one).
+PaintRowKernel paint_row_kernel(VectorPath path) noexcept;
+
 // ---- Entropy contrast enhancement (entropy_contrast.cpp) ----
 struct EntropyContrastParams {
     Borders borders;
