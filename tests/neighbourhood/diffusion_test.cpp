@@ -81,6 +81,17 @@ TEST(Diffusion, MatchesTheStatedUpdateOnEveryPathAndFailsCleanly) {
     expect_clean_failures("ADF", in, Params().add_double(0.2).add_double(0).add_int(3).data());
 }
 
+// Up to 32 passes run as one pipeline over row pairs, more over two whole
+// rasters; both must give the stated passes, on odd and even row counts.
+TEST(Diffusion, PipelinedAndWholeImagePassesAgreeWithTheStatedUpdate) {
+    for (int height : {3, 4, 37, 38})
+        for (int passes : {31, 32, 33}) {
+            const Image in = random_image(height, 29, 4095, static_cast<std::uint32_t>(height + passes));
+            EXPECT_TRUE(adf(in, 0.25, 300, passes) == reference_diffusion(in, 4095, passes, 0.25, 300))
+                << height << " rows, " << passes << " passes";
+        }
+}
+
 TEST(Diffusion, HugeIterationCountsFinishOnceThePassesSettle) {
     Image board(6, 6);  // with full conduction a checkerboard swaps its levels on every pass
     for (int r = 0; r < 6; ++r)
