@@ -332,9 +332,10 @@ int anisotropic_diffusion(Rows src, Rows dst, int height, int width, int white, 
     DiffusionPass diffuse = diffusion_pass_portable;
     DiffusionRowPair pair = diffuse_row_pair_portable;
 #if KRF_X86
-    if (path == KernelPath::fastest && platform::cpu_features().avx2) {
+    if (path != KernelPath::portable && platform::cpu_features().avx2) {
         diffuse = diffusion_pass_avx2;
-        pair = platform::cpu_features().avx512bw ? diffuse_row_pair_avx512 : diffuse_row_pair_avx2;
+        const bool wide = path == KernelPath::fastest && platform::cpu_features().avx512bw;
+        pair = wide ? diffuse_row_pair_avx512 : diffuse_row_pair_avx2;
     }
 #endif
     (void)path;

@@ -82,13 +82,18 @@ TEST(Diffusion, MatchesTheStatedUpdateOnEveryPathAndFailsCleanly) {
 }
 
 // Up to 32 passes run as one pipeline over row pairs, more over two whole
-// rasters; both must give the stated passes, on odd and even row counts.
+// rasters; both must give the stated passes, on odd and even row counts and
+// with the AVX2 row-pair kernel as well as the widest one.
 TEST(Diffusion, PipelinedAndWholeImagePassesAgreeWithTheStatedUpdate) {
     for (int height : {3, 4, 37, 38})
         for (int passes : {31, 32, 33}) {
             const Image in = random_image(height, 29, 4095, static_cast<std::uint32_t>(height + passes));
-            EXPECT_TRUE(adf(in, 0.25, 300, passes) == reference_diffusion(in, 4095, passes, 0.25, 300))
-                << height << " rows, " << passes << " passes";
+            const Image expected = reference_diffusion(in, 4095, passes, 0.25, 300);
+            for (KernelPath path : {KernelPath::fastest, KernelPath::avx2})
+                EXPECT_TRUE(output_of(in, [&](Rows s, Rows d) {
+                                return anisotropic_diffusion(s, d, height, 29, 4095, passes, 0.25, 300, path);
+                            }) == expected)
+                    << height << " rows, " << passes << " passes, path " << static_cast<int>(path);
         }
 }
 
