@@ -27,9 +27,9 @@ constexpr double kLargestExponent = 4.0;
 // finite: a weight, ln t (t > 0) and pow(t, e). Those levels are left out;
 // whether pow can overflow for them is checked on every round.
 struct BandTerms {
-    const int* visited;     // levels to sum, in ascending order
+    const int* visited;  // levels to sum, in ascending order
     std::int64_t visited_count;
-    int first_skipped;      // lowest level left out, or -1 when none is
+    int first_skipped;  // lowest level left out, or -1 when none is
 };
 
 }  // namespace
@@ -101,8 +101,8 @@ int entropy_contrast(Rows src, Rows dst, int height, int width, int white, int g
         const double e = g - 1.0;
         // For t <= 1 pow(t, e) is largest at the lowest level; 1e300 keeps a
         // margin below overflow for the rounding of every other level.
-        const bool skip = terms.first_skipped < 0 ||
-                          (std::isfinite(e) && std::pow(terms.first_skipped / w, e) <= 1e300);
+        const bool leave_out_empty =
+            terms.first_skipped < 0 || (std::isfinite(e) && std::pow(terms.first_skipped / w, e) <= 1e300);
         double s1 = 0.0, s2 = 0.0;
         const auto add_level = [&](int i) {
             const double t = i / w;
@@ -111,7 +111,7 @@ int entropy_contrast(Rows src, Rows dst, int height, int width, int white, int g
             s1 += p * count * weight[i];
             s2 += count * log_level[i] * p * weight[i];
         };
-        if (skip) {
+        if (leave_out_empty) {
             for (std::int64_t k = 0; k < terms.visited_count; ++k) add_level(terms.visited[k]);
         } else {
             for (int i = first; i <= last; ++i) add_level(i);
