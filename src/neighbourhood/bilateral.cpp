@@ -118,6 +118,29 @@ struct SharedWeights {
     }
 };
 
+// Where each tap of row r's centres finds its weight: weight(c) = base[c + shift];
+// the centre's own tap has no base.
+struct Tap {
+    const double* base;
+    int shift;
+};
+constexpr int kLargestWindow = (2 * SharedWeights::kLargestHalf + 1) * (2 * SharedWeights::kLargestHalf + 1);
+
+void shared_taps(const BilateralJob& job, int r, Tap* taps) {
+    const int h = job.half;
+    const SharedWeights& shared = *job.shared;
+    for (int dy = -h, t = 0; dy <= h; ++dy)
+        for (int dx = -h; dx <= h; ++dx, ++t) {
+            if (dy == 0 && dx == 0) {
+                taps[t] = {nullptr, 0};
+            } else if (dy > 0 || (dy == 0 && dx > 0)) {
+                taps[t] = {shared.row(shared.forward_index[dy + h][dx + h], r), 0};
+            } else {
+                taps[t] = {shared.row(shared.forward_index[h - dy][h - dx], r + dy), dx};
+            }
+        }
+}
+
 #if KRF_X86
 // Forward tap (dy, dx) of every centre of image row q whose neighbour lies in the image.
 KRF_TARGET_AVX2 void forward_weights_avx2(const BilateralJob& job, int q, int dy, int dx, double* out) {
@@ -145,25 +168,8 @@ KRF_TARGET_AVX2 void forward_weights_avx2(const BilateralJob& job, int q, int dy
 
 KRF_TARGET_AVX2 void bilateral_row_shared_avx2(const BilateralJob& job, int r, Sample* out, int first, int last) {
     const int h = job.half;
-    const SharedWeights& shared = *job.shared;
-    // Where each tap of row r's centres finds its weight: weight(c) = base[c + shift].
-    struct Tap {
-        const double* base;
-        int shift;
-    };
-    Tap taps[(2 * SharedWeights::kLargestHalf + 1) * (2 * SharedWeights::kLargestHalf + 1)];
-    int t = 0;
-    for (int dy = -h; dy <= h; ++dy)
-        for (int dx = -h; dx <= h; ++dx, ++t) {
-            const bool forward = dy > 0 || (dy == 0 && dx > 0);
-            if (dy == 0 && dx == 0) {
-                taps[t] = {nullptr, 0};
-            } else if (forward) {
-                taps[t] = {shared.row(shared.forward_index[dy + h][dx + h], r), 0};
-            } else {
-                taps[t] = {shared.row(shared.forward_index[h - dy][h - dx], r + dy), dx};
-            }
-        }
+    Tap taps[kLargestWindow];
+    shared_taps(job, r, taps);
     const __m256d centre_weight = _mm256_set1_pd(job.range[0] * job.spatial[0]);
     const __m128i white8 = _mm_set1_epi16(static_cast<short>(job.white));
     int c = first;
@@ -194,6 +200,35 @@ KRF_TARGET_AVX2 void bilateral_row_shared_avx2(const BilateralJob& job, int r, S
         const __m128i low = _mm256_cvttpd_epi32(_mm256_div_pd(weighted_low, weights_low));
         const __m128i high = _mm256_cvttpd_epi32(_mm256_div_pd(weighted_high, weights_high));
         simd::store8(out + c, simd::narrow8(simd::join(low, high)));
+    }
+    bilateral_row_plain(job, r, out, c, last);
+}
+
+// The same eight centres in one register.
+__attribute__((target("avx512bw,avx512vl,avx512dq"))) void bilateral_row_shared_avx512(const BilateralJob& job, int r,
+                                                                                        Sample* out, int first,
+                                                                                        int last) {
+    const int h = job.half;
+    Tap taps[kLargestWindow];
+    shared_taps(job, r, taps);
+    const __m512d centre_weight = _mm512_set1_pd(job.range[0] * job.spatial[0]);
+    const __m128i white8 = _mm_set1_epi16(static_cast<short>(job.white));
+    int c = first;
+    for (; c + 8 <= last; c += 8) {
+        __m512d weights = _mm512_setzero_pd();
+        __m512d weighted = _mm512_setzero_pd();
+        int k = 0;
+        for (int dy = -h; dy <= h; ++dy) {
+            const Sample* line = job.src[r + dy] + c;
+            for (int dx = -h; dx <= h; ++dx, ++k) {
+                const __m256i v = _mm256_cvtepu16_epi32(_mm_min_epu16(simd::load8(line + dx), white8));
+                const __m512d w =
+                    taps[k].base != nullptr ? _mm512_loadu_pd(taps[k].base + c + taps[k].shift) : centre_weight;
+                weights = _mm512_add_pd(weights, w);
+                weighted = _mm512_add_pd(weighted, _mm512_mul_pd(_mm512_cvtepi32_pd(v), w));
+            }
+        }
+        simd::store8(out + c, simd::narrow8(_mm512_cvttpd_epi32(_mm512_div_pd(weighted, weights))));
     }
     bilateral_row_plain(job, r, out, c, last);
 }
@@ -272,7 +307,7 @@ int bilateral_filter(Rows src, Rows dst, int height, int width, int white, doubl
     ScratchArray<double> shared_rows;
     BilateralJob job{src, white, h, range_table.get() + white, spatial_table.get()};
 #if KRF_X86
-    if (path == KernelPath::fastest && platform::cpu_features().avx2) {
+    if (path != KernelPath::portable && platform::cpu_features().avx2) {
         filter_row = bilateral_row_avx2;
         // Sharing pays where a row holds at least one vector of centres.
         if (h >= 1 && h <= SharedWeights::kLargestHalf && std::int64_t{width} - 2 * h >= 8 && 2 * h < height) {
@@ -285,7 +320,8 @@ int bilateral_filter(Rows src, Rows dst, int height, int width, int white, doubl
             for (int dy = 0; dy <= h; ++dy)
                 for (int dx = dy == 0 ? 1 : -h; dx <= h; ++dx) shared.forward_index[dy + h][dx + h] = k++;
             job.shared = &shared;
-            filter_row = bilateral_row_shared_avx2;
+            const bool wide = path == KernelPath::fastest && platform::cpu_features().avx512bw;
+            filter_row = wide ? bilateral_row_shared_avx512 : bilateral_row_shared_avx2;
         }
     }
 #endif
