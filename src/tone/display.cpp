@@ -164,9 +164,10 @@ KRF_AVX2_INLINE __m256i squeeze_blocks_avx2(__m256i packed) {
 
 }  // namespace
 
-// The vector unit clamps, collects the eight colours with one gather (the
-// table is small and hot) and squeezes them into 24 bytes; the scalar path
-// spends most of its time on that shifting and joining.
+// The vector unit clamps, collects the eight colours with one gather and
+// squeezes them into 24 bytes; the scalar path spends most of its time on
+// that shifting and joining. Measured faster than scalar look-ups here, unlike
+// the gathers of the 16-bit table applier, since the joining is what it saves.
 KRF_TARGET_AVX2 void paint_row_avx2(const Sample* samples, unsigned char* out, std::int64_t width, Sample white,
                                     const std::uint32_t* colours) noexcept {
     const __m128i cap = _mm_set1_epi16(static_cast<short>(white));
