@@ -41,6 +41,24 @@ bool diffusion_pass_portable(Rows from, Rows to, int height, int width, const do
     return changed;
 }
 
+// Four consecutive rows of the previous pass; the middle two are updated.
+struct DiffusionRows {
+    const Sample* up;
+    const Sample* top;
+    const Sample* bottom;
+    const Sample* down;
+};
+
+// Interior columns first ... last - 1 of two neighbouring rows.
+using DiffusionRowPair = void (*)(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first, int last,
+                                  const double* flux, double lambda);
+
+void diffuse_row_pair_portable(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first, int last,
+                               const double* flux, double lambda) {
+    diffuse_row_plain(in.up, in.top, in.bottom, out_top, first, last, flux, lambda);
+    diffuse_row_plain(in.top, in.bottom, in.down, out_bottom, first, last, flux, lambda);
+}
+
 #if KRF_X86
 // The flux is odd: flux[-d] == -flux[d] exactly (the division, the square and
 // the product are all symmetric in the sign of d). So a pair of neighbours
@@ -50,13 +68,6 @@ bool diffusion_pass_portable(Rows from, Rows to, int height, int width, const do
 // lookups of four entries for eight samples instead of eight. Only a zero flux
 // can come out as -0 instead of +0, which changes no sum that is then
 // truncated.
-struct DiffusionRows {
-    const Sample* up;
-    const Sample* top;
-    const Sample* bottom;
-    const Sample* down;
-};
-
 KRF_AVX2_INLINE __m128i four_samples(const Sample* p) {
     return _mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
 }
@@ -77,8 +88,8 @@ KRF_AVX2_INLINE __m128i update4(__m256d south, __m256d north, __m256d east, __m2
     return _mm256_cvttpd_epi32(_mm256_add_pd(_mm256_mul_pd(sum, lambda), _mm256_cvtepi32_pd(u)));
 }
 
-KRF_TARGET_AVX2 bool diffuse_row_pair_avx2(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first,
-                                    int last, const double* flux, double lambda) {
+KRF_TARGET_AVX2 bool diffuse_row_pair_avx2_changed(const DiffusionRows& in, Sample* out_top, Sample* out_bottom,
+                                                   int first, int last, const double* flux, double lambda) {
     const __m256d lambda_v = _mm256_set1_pd(lambda);
     const __m256d sign = _mm256_set1_pd(-0.0);
     // Lane 3 of the "previous" east flux is the east flux of column first - 1.
@@ -119,22 +130,185 @@ KRF_TARGET_AVX2 bool diffusion_pass_avx2(Rows from, Rows to, int height, int wid
     int r = 1;
     for (; r + 2 < height; r += 2) {
         const DiffusionRows rows{from[r - 1], from[r], from[r + 1], from[r + 2]};
-        changed |= diffuse_row_pair_avx2(rows, to[r], to[r + 1], 1, width - 1, flux, lambda);
+        changed |= diffuse_row_pair_avx2_changed(rows, to[r], to[r + 1], 1, width - 1, flux, lambda);
     }
     if (r + 1 < height)
         changed |= diffuse_row_plain(from[r - 1], from[r], from[r + 1], to[r], 1, width - 1, flux, lambda);
     return changed;
 }
+
+KRF_TARGET_AVX2 void diffuse_row_pair_avx2(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first,
+                                           int last, const double* flux, double lambda) {
+    diffuse_row_pair_avx2_changed(in, out_top, out_bottom, first, last, flux, lambda);
+}
+
+#define KRF_AVX512_INLINE __attribute__((target("avx512bw,avx512vl,avx512dq"), always_inline)) inline
+
+KRF_AVX512_INLINE __m256i eight_samples(const Sample* p) {
+    return _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+}
+
+// Eight flux entries; scalar loads, as in lookup4, beat the gather instruction.
+KRF_AVX512_INLINE __m512d lookup8(const double* flux, __m256i to, __m256i from) {
+    alignas(32) std::int32_t i[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(i), _mm256_sub_epi32(to, from));
+    const __m128d p01 = _mm_loadh_pd(_mm_load_sd(flux + i[0]), flux + i[1]);
+    const __m128d p23 = _mm_loadh_pd(_mm_load_sd(flux + i[2]), flux + i[3]);
+    const __m128d p45 = _mm_loadh_pd(_mm_load_sd(flux + i[4]), flux + i[5]);
+    const __m128d p67 = _mm_loadh_pd(_mm_load_sd(flux + i[6]), flux + i[7]);
+    const __m256d low = _mm256_insertf128_pd(_mm256_castpd128_pd256(p01), p23, 1);
+    const __m256d high = _mm256_insertf128_pd(_mm256_castpd128_pd256(p45), p67, 1);
+    return _mm512_insertf64x4(_mm512_castpd256_pd512(low), high, 1);
+}
+
+// -v by flipping the sign bit, as the AVX2 kernel does (AVX-512F has no xor of doubles).
+KRF_AVX512_INLINE __m512d negate8(__m512d v) {
+    return _mm512_castsi512_pd(_mm512_xor_si512(_mm512_castpd_si512(v), _mm512_set1_epi64(INT64_MIN)));
+}
+
+KRF_AVX512_INLINE __m256i update8(__m512d south, __m512d north, __m512d east, __m512d west, __m256i u,
+                                  __m512d lambda) {
+    const __m512d sum = _mm512_add_pd(_mm512_add_pd(_mm512_add_pd(south, north), east), west);
+    return _mm512_cvttpd_epi32(_mm512_add_pd(_mm512_mul_pd(sum, lambda), _mm512_cvtepi32_pd(u)));
+}
+
+// The AVX2 pair kernel's scheme eight columns wide: the same lookups shared
+// between neighbours and the same sums in the same order, so the same samples.
+__attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx512(
+    const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first, int last, const double* flux,
+    double lambda) {
+    const __m512d lambda_v = _mm512_set1_pd(lambda);
+    // Lanes [previous[7], current[0], ..., current[6]]: the east flux one column to the left.
+    const __m512i shift = _mm512_setr_epi64(15, 0, 1, 2, 3, 4, 5, 6);
+    __m512d east_top_before = _mm512_set1_pd(flux[in.top[first] - in.top[first - 1]]);
+    __m512d east_bottom_before = _mm512_set1_pd(flux[in.bottom[first] - in.bottom[first - 1]]);
+    int c = first;
+    for (; c + 8 <= last; c += 8) {
+        const __m256i top = eight_samples(in.top + c);
+        const __m256i bottom = eight_samples(in.bottom + c);
+        const __m512d between = lookup8(flux, bottom, top);  // south of the top row
+        const __m512d north_top = lookup8(flux, eight_samples(in.up + c), top);
+        const __m512d south_bottom = lookup8(flux, eight_samples(in.down + c), bottom);
+        const __m512d east_top = lookup8(flux, eight_samples(in.top + c + 1), top);
+        const __m512d east_bottom = lookup8(flux, eight_samples(in.bottom + c + 1), bottom);
+        const __m512d west_top = negate8(_mm512_permutex2var_pd(east_top, shift, east_top_before));
+        const __m512d west_bottom = negate8(_mm512_permutex2var_pd(east_bottom, shift, east_bottom_before));
+        east_top_before = east_top;
+        east_bottom_before = east_bottom;
+        const __m256i new_top = update8(between, north_top, east_top, west_top, top, lambda_v);
+        const __m256i new_bottom = update8(south_bottom, negate8(between), east_bottom, west_bottom, bottom, lambda_v);
+        // Both rows' eight samples narrowed to 16 bits: top in the low half.
+        const __m256i values = _mm256_permute4x64_epi64(_mm256_packus_epi32(new_top, new_bottom), 0xD8);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out_top + c), _mm256_castsi256_si128(values));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out_bottom + c), _mm256_extracti128_si256(values, 1));
+    }
+    if (c < last) diffuse_row_pair_avx2_changed(in, out_top, out_bottom, c, last, flux, lambda);
+}
 #endif
+
+// Up to this many passes run as one pipeline over the rows; more passes take
+// the two full scratch rasters, where a pass that changes nothing ends the run.
+constexpr int kPipelinedPasses = 32;
+
+// Every pass at once, row pair by row pair: pass p updates rows 2j + 1 and
+// 2j + 2 as soon as pass p - 1 has rows 2j ... 2j + 3, so each pass keeps only
+// six rows (three pairs) in a ring and the whole run stays in the cache. The
+// samples are those of the passes one after the other over whole images:
+// every row of every pass is computed from the same rows of the pass before.
+// Rows 0 and height - 1 and columns 0 and width - 1 are the clamped input in
+// every pass. Needs height, width >= 3 and 0 <= passes <= kPipelinedPasses.
+class DiffusionPipeline {
+public:
+    static constexpr int kRingRows = 6;
+
+    int run(Rows src, Rows dst, int height, int width, Sample white, int passes, const double* flux, double lambda,
+            DiffusionRowPair pair) noexcept {
+        height_ = height;
+        width_ = width;
+        const std::int64_t ring_samples = std::int64_t{kRingRows} * width;
+        // The rings of every pass, then the first and last image rows, then
+        // the first and last column of every row.
+        if (!store_.allocate((passes + 1) * ring_samples + 2 * std::int64_t{width} + 2 * std::int64_t{height}))
+            return kNoBuffer;
+        rings_ = store_.get();
+        ring_samples_ = ring_samples;
+        first_row_ = rings_ + (passes + 1) * ring_samples;
+        last_row_ = first_row_ + width;
+        left_ = last_row_ + width;
+        right_ = left_ + height;
+        const auto clamp_row = [&](const Sample* in, Sample* out) {
+            for (int c = 0; c < width; ++c) out[c] = std::min(in[c], white);
+        };
+        clamp_row(src[0], first_row_);
+        clamp_row(src[height - 1], last_row_);
+        for (int r = 0; r < height; ++r) {
+            left_[r] = std::min(src[r][0], white);
+            right_[r] = std::min(src[r][width - 1], white);
+        }
+
+        const int interior = height - 2;
+        const int pairs = (interior + 1) / 2;
+        for (int step = 0; step < pairs + passes; ++step) {
+            for (int level = 0; level <= passes; ++level) {
+                const int j = step - level;
+                if (j < 0 || j >= pairs) continue;
+                const int top = 2 * j + 1;
+                const bool both = top + 1 < height - 1;
+                Sample* out_top = row(level, top);
+                Sample* out_bottom = both ? row(level, top + 1) : nullptr;
+                if (level == 0) {
+                    // In-place calls stay exact: the output rows written so
+                    // far lie above every input row still to be read.
+                    clamp_row(src[top], out_top);
+                    if (both) clamp_row(src[top + 1], out_bottom);
+                    continue;
+                }
+                const DiffusionRows in{row(level - 1, top - 1), row(level - 1, top), row(level - 1, top + 1),
+                                       both ? row(level - 1, top + 2) : nullptr};
+                if (both) {
+                    pair(in, out_top, out_bottom, 1, width - 1, flux, lambda);
+                } else {
+                    diffuse_row_plain(in.up, in.top, in.bottom, out_top, 1, width - 1, flux, lambda);
+                }
+                frame(out_top, top);
+                if (both) frame(out_bottom, top + 1);
+            }
+            const int done = step - passes;
+            if (done < 0 || done >= pairs) continue;
+            const int top = 2 * done + 1;
+            for (int r = top; r <= top + 1 && r < height - 1; ++r)
+                std::memcpy(dst[r] + 1, row(passes, r) + 1, static_cast<std::size_t>(width - 2) * sizeof(Sample));
+        }
+        return 0;
+    }
+
+private:
+    // Row r of pass `level` (0 is the clamped input).
+    Sample* row(int level, int r) const noexcept {
+        if (r == 0) return first_row_;
+        if (r == height_ - 1) return last_row_;
+        return rings_ + level * ring_samples_ + static_cast<std::int64_t>((r - 1) % kRingRows) * width_;
+    }
+    void frame(Sample* out, int r) const noexcept {
+        out[0] = left_[r];
+        out[width_ - 1] = right_[r];
+    }
+
+    ScratchArray<Sample> store_;
+    Sample* rings_ = nullptr;
+    std::int64_t ring_samples_ = 0;
+    Sample* first_row_ = nullptr;
+    Sample* last_row_ = nullptr;
+    Sample* left_ = nullptr;
+    Sample* right_ = nullptr;
+    int height_ = 0;
+    int width_ = 0;
+};
 
 }  // namespace
 
 int anisotropic_diffusion(Rows src, Rows dst, int height, int width, int white, int iterations, double lambda,
                           double k_devstd, KernelPath path) noexcept {
-    Raster a;
-    if (const int code = a.allocate(height, width)) return code;
-    Raster b;
-    if (const int code = b.allocate(height, width)) return code;
     ScratchArray<double> table;
     if (!table.allocate(2 * std::int64_t{white} + 1)) return kNoBuffer;
 
@@ -151,24 +325,38 @@ int anisotropic_diffusion(Rows src, Rows dst, int height, int width, int white, 
         table[i] = d * std::exp(-(x * x));
     }
     const double* flux = table.get() + white;
-
-    for (int r = 0; r < height; ++r)
-        for (int c = 0; c < width; ++c) a[r][c] = std::min<Sample>(src[r][c], static_cast<Sample>(white));
-    if (height > 0 && width > 0) {
-        copy_rows(a.rows(), b.rows(), 0, 1, width);
-        copy_rows(a.rows(), b.rows(), height - 1, height, width);
-        for (int r = 1; r + 1 < height; ++r) {
-            b[r][0] = a[r][0];
-            b[r][width - 1] = a[r][width - 1];
-        }
-    }
+    const auto cap = static_cast<Sample>(white);
+    // An image without interior samples has nothing to diffuse and nothing to write.
     if (height < 3 || width < 3) return 0;
 
     DiffusionPass diffuse = diffusion_pass_portable;
+    DiffusionRowPair pair = diffuse_row_pair_portable;
 #if KRF_X86
-    if (path == KernelPath::fastest && platform::cpu_features().avx2) diffuse = diffusion_pass_avx2;
+    if (path != KernelPath::portable && platform::cpu_features().avx2) {
+        diffuse = diffusion_pass_avx2;
+        const bool wide = path == KernelPath::fastest && platform::cpu_features().avx512bw;
+        pair = wide ? diffuse_row_pair_avx512 : diffuse_row_pair_avx2;
+    }
 #endif
     (void)path;
+
+    if (iterations <= kPipelinedPasses) {
+        DiffusionPipeline pipeline;
+        return pipeline.run(src, dst, height, width, cap, std::max(iterations, 0), flux, step, pair);
+    }
+
+    Raster a;
+    if (const int code = a.allocate(height, width)) return code;
+    Raster b;
+    if (const int code = b.allocate(height, width)) return code;
+    for (int r = 0; r < height; ++r)
+        for (int c = 0; c < width; ++c) a[r][c] = std::min<Sample>(src[r][c], cap);
+    copy_rows(a.rows(), b.rows(), 0, 1, width);
+    copy_rows(a.rows(), b.rows(), height - 1, height, width);
+    for (int r = 1; r + 1 < height; ++r) {
+        b[r][0] = a[r][0];
+        b[r][width - 1] = a[r][width - 1];
+    }
 
     Rows newest = a.rows();
     Rows previous = b.rows();

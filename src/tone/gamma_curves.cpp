@@ -9,11 +9,14 @@
 
 namespace krf::tone {
 
+void gamma_table(int white, double gamma, Sample* table) noexcept {
+    const double scale = std::pow(static_cast<double>(white), 1.0 - gamma);
+    for (int i = 0; i <= white; ++i) table[i] = to_table_entry(std::pow(static_cast<double>(i), gamma) * scale + 0.5);
+}
+
 int gamma_curve(Rows src, Rows dst, int height, int width, int white, double gamma) noexcept {
     return run_table(src, dst, height, width, white, [&](Sample* table) {
-        const double scale = std::pow(static_cast<double>(white), 1.0 - gamma);
-        for (int i = 0; i <= white; ++i)
-            table[i] = to_table_entry(std::pow(static_cast<double>(i), gamma) * scale + 0.5);
+        gamma_table(white, gamma, table);
         return 0;
     });
 }

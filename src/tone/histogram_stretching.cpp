@@ -49,45 +49,79 @@ Region region_inside(int height, int width, Borders b) {
     return {up, up < row_end ? row_end - up : 0, left, left < col_end ? col_end - left : 0};
 }
 
+// p ln p of every count up to this bound is remembered: a 16-bit histogram
+// has tens of thousands of occupied levels but, on noisy or flat data, only a
+// few hundred distinct counts, and each logarithm costs far more than the
+// look-up. Larger counts are rare enough to compute every time.
+constexpr Count kRememberedCounts = 4096;
+
 }  // namespace
+
+int shannon_cuts(Rows src, int height, int width, int white, Borders borders, double low_th, double high_th,
+                 LevelCuts* cuts, Count* whole) noexcept {
+    if (white < 0) return kNoBuffer;
+    const std::int64_t levels = std::int64_t{white} + 1;
+    ScratchArray<Count> hist;
+    ScratchArray<double> acc;
+    if (!hist.allocate(levels) || !acc.allocate(levels)) return kNoBuffer;
+    // Counted where it lies: a copy of the region would give the same counts.
+    const Region region = region_inside(height, width, borders);
+    count_histogram_region(src, region.first_row, region.rows, region.first_col, region.cols, white, hist.get());
+    if (whole != nullptr) {
+        // The rest of the image around the region (bands above and below it,
+        // and beside it in its rows), then the region's own counts.
+        const int top = std::clamp(region.first_row, 0, std::max(height, 0));
+        const int bottom = std::clamp(region.first_row + region.rows, top, std::max(height, 0));
+        const int left = std::clamp(region.first_col, 0, std::max(width, 0));
+        const int right = std::clamp(region.first_col + region.cols, left, std::max(width, 0));
+        count_histogram_region(src, 0, top, 0, width, white, whole);
+        add_to_histogram(src, top, bottom - top, 0, left, white, whole);
+        add_to_histogram(src, top, bottom - top, right, width - right, white, whole);
+        add_to_histogram(src, bottom, height - bottom, 0, width, white, whole);
+        auto* sum = reinterpret_cast<std::uint32_t*>(whole);
+        const auto* inside = reinterpret_cast<const std::uint32_t*>(hist.get());
+        for (std::int64_t i = 0; i < levels; ++i) sum[i] += inside[i];
+    }
+
+    // Accumulated in ascending level order; the total is that same sum,
+    // so the last share is exactly 1. An empty region makes every p NaN,
+    // every term 0 and every share NaN: neither search below moves.
+    const double pixels = pixel_count_32(region.cols, region.rows);
+    // 0 marks a term not yet known; a term that really is 0 (p = 1) is
+    // simply computed again, with the same result.
+    double remembered[kRememberedCounts] = {};
+    double total = 0.0;
+    for (int i = 0; i <= white; ++i) {
+        const Count count = hist[i];
+        double term;
+        if (count > 0 && count < kRememberedCounts && remembered[count] != 0.0) {
+            term = remembered[count];
+        } else {
+            const double p = count / pixels;
+            term = p > 0 ? p * std::log(p) : 0.0;
+            if (count > 0 && count < kRememberedCounts) remembered[count] = term;
+        }
+        total += term;
+        acc[i] = total;
+    }
+    for (int i = 0; i <= white; ++i) acc[i] /= total;
+
+    // Both searches stop at the end of the range: a low_th of 1 or more
+    // cuts at the last level and a high_th of 0 or less at level 0, where
+    // an unbounded search would walk off the array.
+    int lo = 0, hi = white;
+    while (lo < white && acc[lo] <= low_th) ++lo;
+    while (hi > 0 && acc[hi] >= high_th) --hi;
+    *cuts = {lo, hi};
+    return 0;
+}
 
 int shannon_stretching(Rows src, Rows dst, int height, int width, int white, Borders borders, double low_th,
                        double high_th) noexcept {
-    if (white < 0) return kNoBuffer;
-    int lo = 0, hi = white;
-    {
-        const std::int64_t levels = std::int64_t{white} + 1;
-        ScratchArray<Count> hist;
-        ScratchArray<double> acc;
-        if (!hist.allocate(levels) || !acc.allocate(levels)) return kNoBuffer;
-        const Region region = region_inside(height, width, borders);
-        Raster crop;
-        if (const int code = crop.allocate(region.rows, region.cols); code != 0) return code;
-        for (int r = 0; region.cols > 0 && r < region.rows; ++r)
-            std::memcpy(crop[r], src[region.first_row + r] + region.first_col,
-                        static_cast<std::size_t>(region.cols) * sizeof(Sample));
-        count_histogram(crop.rows(), region.rows, region.cols, white, hist.get());
-
-        // Accumulated in ascending level order; the total is that same sum,
-        // so the last share is exactly 1. An empty region makes every p NaN,
-        // every term 0 and every share NaN: neither search below moves.
-        const double pixels = pixel_count_32(region.cols, region.rows);
-        double total = 0.0;
-        for (int i = 0; i <= white; ++i) {
-            const double p = hist[i] / pixels;
-            total += p > 0 ? p * std::log(p) : 0.0;
-            acc[i] = total;
-        }
-        for (int i = 0; i <= white; ++i) acc[i] /= total;
-
-        // Both searches stop at the end of the range: a low_th of 1 or more
-        // cuts at the last level and a high_th of 0 or less at level 0, where
-        // an unbounded search would walk off the array.
-        while (lo < white && acc[lo] <= low_th) ++lo;
-        while (hi > 0 && acc[hi] >= high_th) --hi;
-    }
+    LevelCuts cuts{};
+    if (const int code = shannon_cuts(src, height, width, white, borders, low_th, high_th, &cuts)) return code;
     const double w = white;
-    return ll_ul_window(src, dst, height, width, white, lo / w, hi / w);
+    return ll_ul_window(src, dst, height, width, white, cuts.lo / w, cuts.hi / w);
 }
 
 }  // namespace krf::tone

@@ -76,13 +76,25 @@ int apply_table(Rows src, Rows dst, int height, int width, int white, const Samp
 }
 
 int count_histogram(Rows rows, int height, int width, int white, Count* hist) noexcept {
+    return count_histogram_region(rows, 0, height, 0, width, white, hist);
+}
+
+int count_histogram_region(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
+                           Count* hist) noexcept {
+    if (white < 0) return 0;
+    std::memset(hist, 0, (static_cast<std::size_t>(white) + 1) * sizeof(Count));
+    return add_to_histogram(rows, first_row, row_count, first_col, col_count, white, hist);
+}
+
+int add_to_histogram(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
+                     Count* hist) noexcept {
     if (white < 0) return 0;
     const std::size_t levels = static_cast<std::size_t>(white) + 1;
-    std::memset(hist, 0, levels * sizeof(Count));
     const Sample cap = static_cast<Sample>(std::min(white, 0xFFFF));
     // Counting through the unsigned view of the same counters: a raster of
     // 2^31 equal samples wraps the counter instead of overflowing it.
     auto* counters = reinterpret_cast<std::uint32_t*>(hist);
+    const std::int64_t row_end = std::int64_t{first_row} + std::max(row_count, 0);
     // Neighbouring samples of a radiograph are close in value, so one
     // increment often waits for the previous one to the same cache line.
     // Odd columns count into a second, small set of counters on the stack
@@ -92,21 +104,21 @@ int count_histogram(Rows rows, int height, int width, int white, Count* hist) no
     if (levels <= kSplitLevels) {
         std::uint32_t odd[kSplitLevels];
         std::memset(odd, 0, levels * sizeof(std::uint32_t));
-        for (int r = 0; r < height; ++r) {
-            const Sample* row = rows[r];
+        for (std::int64_t r = first_row; r < row_end; ++r) {
+            const Sample* row = rows[r] + first_col;
             int c = 0;
-            for (; c + 2 <= width; c += 2) {
+            for (; c + 2 <= col_count; c += 2) {
                 ++counters[std::min(row[c], cap)];
                 ++odd[std::min(row[c + 1], cap)];
             }
-            if (c < width) ++counters[std::min(row[c], cap)];
+            if (c < col_count) ++counters[std::min(row[c], cap)];
         }
         for (std::size_t i = 0; i < levels; ++i) counters[i] += odd[i];
         return 0;
     }
-    for (int r = 0; r < height; ++r) {
-        const Sample* row = rows[r];
-        for (int c = 0; c < width; ++c) ++counters[std::min(row[c], cap)];
+    for (std::int64_t r = first_row; r < row_end; ++r) {
+        const Sample* row = rows[r] + first_col;
+        for (int c = 0; c < col_count; ++c) ++counters[std::min(row[c], cap)];
     }
     return 0;
 }

@@ -49,6 +49,14 @@ using Count = std::int32_t;
 // rows and `width` columns at min(sample, white). Returns 0.
 int count_histogram(Rows rows, int height, int width, int white, Count* hist) noexcept;
 
+// The same over rows first_row ... first_row + row_count - 1 and columns
+// first_col ... first_col + col_count - 1 only (none when a count is below 1).
+int count_histogram_region(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
+                           Count* hist) noexcept;
+// As count_histogram_region, but adds to the counters as they are.
+int add_to_histogram(Rows rows, int first_row, int row_count, int first_col, int col_count, int white,
+                     Count* hist) noexcept;
+
 // The common shape of a point operation: allocate a zero-filled table of
 // white + 1 entries (1007100 when that fails), let `fill` compute it (a
 // non-zero code from fill stops the run with that code), apply it, release
@@ -63,6 +71,8 @@ int run_table(Rows src, Rows dst, int height, int width, int white, Fill&& fill)
 }
 
 // ---- Gamma curves (gamma_curves.cpp) ----
+// The table of "gamma" for levels 0 ... white (white >= 0).
+void gamma_table(int white, double gamma, Sample* table) noexcept;
 int gamma_curve(Rows src, Rows dst, int height, int width, int white, double gamma) noexcept;
 int sigma_curve(Rows src, Rows dst, int height, int width, int white, double steepness, double shift) noexcept;
 int gammalog_curve(Rows src, Rows dst, int height, int width, int white, double g) noexcept;
@@ -106,6 +116,9 @@ int landmark_gamma(Rows src, Rows dst, int height, int width, int white, int rad
 // Code of "LL-UL" and "gammalin" for a window whose lower level lies above its upper one.
 constexpr int kInvertedWindow = -3;
 int ll_ul_window(Rows src, Rows dst, int height, int width, int white, double low, double high) noexcept;
+// The table of "LL-UL" for levels 0 ... white, written over a zero-filled
+// one; kInvertedWindow, with nothing written, for an inverted window.
+int ll_ul_table(int white, double low, double high, Sample* table) noexcept;
 int gammalin_window(Rows src, Rows dst, int height, int width, int white, double gamma, double low,
                     double high) noexcept;
 int linear_window(Rows src, Rows dst, int height, int width, int white, double brightness, double contrast) noexcept;
@@ -119,10 +132,33 @@ struct Borders {
 int shannon_stretching(Rows src, Rows dst, int height, int width, int white, Borders borders, double low_th,
                        double high_th) noexcept;
 
+// The levels where "ShannonStretching" cuts its window, from the histogram
+// of the region inside the borders. When `whole` is given it receives the
+// histogram of the entire image (white + 1 counters), from the same pass
+// over the samples. Returns 0 or kNoBuffer.
+struct LevelCuts {
+    int lo, hi;
+};
+int shannon_cuts(Rows src, int height, int width, int white, Borders borders, double low_th, double high_th,
+                 LevelCuts* cuts, Count* whole = nullptr) noexcept;
+
 // ---- Display transforms (display.cpp) ----
 int reverse(Rows src, Rows dst, int height, int width, int white) noexcept;
 int flip(Rows src, Rows dst, int height, int width, int ignored, int horizontal, int vertical) noexcept;
 int colorize(Rows src, unsigned char* rgb, int height, int width, int white) noexcept;
+
+// One row of "colorize": for every sample the colour table's entry at
+// min(sample, white), a word with red in the low byte, written out as its
+// three bytes red, green, blue.
+using PaintRowKernel = void (*)(const Sample* samples, unsigned char* out, std::int64_t width, Sample white,
+                                const std::uint32_t* colours) noexcept;
+void paint_row_portable(const Sample* samples, unsigned char* out, std::int64_t width, Sample white,
+                        const std::uint32_t* colours) noexcept;
+// The instruction sets a row kernel can be built for.
+enum class VectorPath { portable, avx2, avx512 };
+// The kernel for `path`, or null when this processor lacks it (so a test can
+// prove every kernel the processor runs equal to the portable one).
+PaintRowKernel paint_row_kernel(VectorPath path) noexcept;
 
 // ---- Entropy contrast enhancement (entropy_contrast.cpp) ----
 struct EntropyContrastParams {

@@ -32,16 +32,22 @@ void fill_window(Sample* table, int white, std::int64_t first, std::int64_t end,
 
 }  // namespace
 
-int ll_ul_window(Rows src, Rows dst, int height, int width, int white, double low, double high) noexcept {
+int ll_ul_table(int white, double low, double high, Sample* table) noexcept {
     const Window win = window_of(white, low, high);
     if (win.lo > win.hi) return kInvertedWindow;
     const double slope = white / static_cast<double>(std::int64_t{win.hi} - win.lo);
     const std::int64_t end = std::min<std::int64_t>(std::int64_t{white} + 1, win.hi);
-    return run_table(src, dst, height, width, white, [&](Sample* table) {
-        fill_window(table, white, win.lo, end, static_cast<Sample>(white),
-                    [&](std::int64_t i) { return to_table_entry(static_cast<double>(i - win.lo) * slope); });
-        return 0;
-    });
+    fill_window(table, white, win.lo, end, static_cast<Sample>(white),
+                [&](std::int64_t i) { return to_table_entry(static_cast<double>(i - win.lo) * slope); });
+    return 0;
+}
+
+int ll_ul_window(Rows src, Rows dst, int height, int width, int white, double low, double high) noexcept {
+    // An inverted window is refused before the table is sought.
+    const Window win = window_of(white, low, high);
+    if (win.lo > win.hi) return kInvertedWindow;
+    return run_table(src, dst, height, width, white,
+                     [&](Sample* table) { return ll_ul_table(white, low, high, table); });
 }
 
 int gammalin_window(Rows src, Rows dst, int height, int width, int white, double gamma, double low,

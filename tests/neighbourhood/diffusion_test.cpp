@@ -81,6 +81,22 @@ TEST(Diffusion, MatchesTheStatedUpdateOnEveryPathAndFailsCleanly) {
     expect_clean_failures("ADF", in, Params().add_double(0.2).add_double(0).add_int(3).data());
 }
 
+// Up to 32 passes run as one pipeline over row pairs, more over two whole
+// rasters; both must give the stated passes, on odd and even row counts and
+// with the AVX2 row-pair kernel as well as the widest one.
+TEST(Diffusion, PipelinedAndWholeImagePassesAgreeWithTheStatedUpdate) {
+    for (int height : {3, 4, 37, 38})
+        for (int passes : {31, 32, 33}) {
+            const Image in = random_image(height, 29, 4095, static_cast<std::uint32_t>(height + passes));
+            const Image expected = reference_diffusion(in, 4095, passes, 0.25, 300);
+            for (KernelPath path : {KernelPath::fastest, KernelPath::avx2})
+                EXPECT_TRUE(output_of(in, [&](Rows s, Rows d) {
+                                return anisotropic_diffusion(s, d, height, 29, 4095, passes, 0.25, 300, path);
+                            }) == expected)
+                    << height << " rows, " << passes << " passes, path " << static_cast<int>(path);
+        }
+}
+
 TEST(Diffusion, HugeIterationCountsFinishOnceThePassesSettle) {
     Image board(6, 6);  // with full conduction a checkerboard swaps its levels on every pass
     for (int r = 0; r < 6; ++r)

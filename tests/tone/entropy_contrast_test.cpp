@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <string>
 #include <utility>
+#include <vector>
 
+#include "image_io.h"
 #include "tone/tone_testing.h"
 
 namespace {
@@ -64,6 +68,56 @@ TEST(Ece, EceGrowsAwayFromMuAndEce2IsTheBell) {
         EXPECT_NEAR(out.at(1, 1), gamma_of(500, settled_exponent(sign)), 1) << name;
         EXPECT_NEAR(out.at(0, 0), gamma_of(3500, settled_exponent(sign)), 1) << name;
     }
+}
+
+// The two stages as written: "ShannonStretching" into a scratch image, its
+// histogram, every level of the band in all 50 rounds, then "gamma" on the
+// scratch image. The filter never makes that image and skips empty levels and
+// repeated rounds; its samples must not differ by one.
+Image two_stage_reference(const Image& in, int white, bool bell, const std::vector<double>& t,
+                          const std::vector<int>& borders) {
+    Params stretch = doubles({t[0], t[1]});
+    for (int b : borders) stretch.add_int(b);
+    const Image scratch = filtered("ShannonStretching", in, white, stretch);
+    std::vector<double> hist(white + 1);
+    for (krf::Sample v : scratch.samples()) hist[std::min<int>(v, white)] += 1;
+    const double n = white + 1.0, w = white;
+    const int a = std::max(static_cast<int>(n * t[2] + 0.5), 0), b = std::min(static_cast<int>(n * t[3] + 0.5), white);
+    double g = 1.0;
+    for (int round = 0; round < 50; ++round) {
+        double s1 = 0, s2 = 0;
+        for (int i = a; i <= b; ++i) {
+            const double d = (i / w - t[4]) / t[5], weight = std::exp(bell ? -(d * d) : d * d);
+            const double p = std::pow(i / w, g - 1.0);
+            s1 += p * hist[i] * weight;
+            s2 += hist[i] * std::log(i / w) * p * weight;
+        }
+        g = -(s1 / s2);
+    }
+    return filtered("gamma", scratch, white, doubles({std::min(g, 4.0)}));
+}
+
+TEST(Ece, SameSamplesAsTheTwoStagesOnRealAndSparseImages) {
+    krf::tools::GreyImage grey;
+    ASSERT_EQ(krf::tools::read_grey_image(std::string(KRFILTER_DATA_DIR) + "/cr-leg-10bit.png", grey), "");
+    Image leg(300, 400);  // a crop across the leg and the background
+    for (int r = 0; r < 300; ++r)
+        for (int c = 0; c < 400; ++c) leg.at(r, c) = grey.samples[static_cast<std::size_t>(r + 700) * grey.width + c + 600];
+    // A 16-bit image whose levels are far apart: most levels of every band are empty.
+    Image sparse = phantom(120, 90, 65535, 3);
+    for (int r = 0; r < 120; ++r)
+        for (int c = 0; c < 90; ++c) sparse.at(r, c) = static_cast<krf::Sample>(sparse.at(r, c) / 97 * 97);
+    const std::vector<double> defaults = {0.005, 0.99, 0.25, 0.75, 0.5, 0.3}, wide = {0.05, 0.95, 0.0, 1.0, 0.4, 0.2};
+    for (const char* name : {"ECE", "ECE2"})
+        for (const auto& [image, white] : {std::pair{leg, 1023}, std::pair{sparse, 65535}})
+            for (const auto& t : {defaults, wide}) {
+                const std::vector<int> borders = {6, 18, 107, 118};
+                Params p = doubles({t[0], t[1], t[2], t[3], t[4], t[5]});
+                for (int b : borders) p.add_int(b);
+                EXPECT_TRUE(filtered(name, image, white, p) ==
+                            two_stage_reference(image, white, std::string(name) == "ECE2", t, borders))
+                    << name << " white " << white << " band " << t[2] << "-" << t[3];
+            }
 }
 
 TEST(Ece, FirstStageResultsAndAllocationFailures) {

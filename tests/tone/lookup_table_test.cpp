@@ -4,6 +4,7 @@
 #include <random>
 #include <string>
 
+#include "platform/platform.h"
 #include "tone/tone.h"
 #include "tone/tone_testing.h"
 
@@ -51,6 +52,49 @@ TEST(HistogramCounter, CountsEverySampleAtMinOfSampleAndWhite) {
         count_histogram(image.rows(), 1, 5, white, hist.data());
         EXPECT_EQ(hist, expected);
     }
+}
+
+TEST(HistogramCounter, RegionsAndAddingMatchACountOfEverySample) {
+    const Image image = krf::test::phantom(23, 31, 4095, 2);
+    for (int white : {4095, 9000}) {  // split and plain counting
+        std::vector<Count> region(white + 1, -7), expected(white + 1, 0);
+        for (int r = 4; r < 4 + 11; ++r)
+            for (int c = 5; c < 5 + 17; ++c) ++expected[std::min<int>(image.at(r, c), white)];
+        Image copy = image;
+        count_histogram_region(copy.rows(), 4, 11, 5, 17, white, region.data());
+        EXPECT_EQ(region, expected);
+        // Adding the same rectangle again doubles every counter; empty ones add nothing.
+        add_to_histogram(copy.rows(), 4, 11, 5, 17, white, region.data());
+        add_to_histogram(copy.rows(), 4, 0, 5, 17, white, region.data());
+        add_to_histogram(copy.rows(), 4, 11, 5, -3, white, region.data());
+        for (auto& count : expected) count *= 2;
+        EXPECT_EQ(region, expected);
+    }
+}
+
+TEST(ColourRows, EveryVectorKernelPaintsLikeThePortableOne) {
+    std::mt19937 random(9);
+    int kernels = 0;
+    for (VectorPath path : {VectorPath::avx2, VectorPath::avx512}) {
+        const PaintRowKernel kernel = paint_row_kernel(path);
+        if (kernel == nullptr) continue;  // this processor lacks the path
+        ++kernels;
+        for (int white : {255, 4095, 65535}) {
+            std::vector<std::uint32_t> colours(white + 1);
+            for (auto& colour : colours) colour = random() & 0xFFFFFF;
+            for (int width = 0; width < 70; ++width) {
+                std::vector<krf::Sample> samples(width);
+                for (auto& s : samples) s = static_cast<krf::Sample>(random() % 2 ? random() : random() % (white + 1));
+                // One spare byte past the row shows any write beyond its 3 × width bytes.
+                std::vector<unsigned char> expected(3 * width + 1, 0xA5), got(3 * width + 1, 0xA5);
+                paint_row_portable(samples.data(), expected.data(), width, static_cast<krf::Sample>(white),
+                                   colours.data());
+                kernel(samples.data(), got.data(), width, static_cast<krf::Sample>(white), colours.data());
+                ASSERT_EQ(got, expected) << "path " << static_cast<int>(path) << " white " << white << " width " << width;
+            }
+        }
+    }
+    EXPECT_EQ(kernels, (krf::platform::cpu_features().avx2 ? 1 : 0) + (krf::platform::cpu_features().avx512bw ? 1 : 0));
 }
 
 TEST(ToneDispatch, OnlyEqualizeReverseAndColorizeAcceptNullParameters) {
