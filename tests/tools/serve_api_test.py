@@ -14,7 +14,8 @@ import threading
 import time
 import unittest
 
-from serve_support import Server, index_of, info_fields, tool_catalogue, tool_result, write_png
+from cli_test import gradient, png_bytes
+from serve_support import Server, index_of, info_fields, tool_catalogue, tool_result
 
 KRFILTER = None
 
@@ -25,7 +26,6 @@ class ServeApi(unittest.TestCase):
         cls.server = Server(KRFILTER)
         cls.catalogue = cls.server.catalogue()
         cls.phantom = cls.catalogue["phantom"]["id"]
-        cls.built = {f["name"] for f in cls.catalogue["filters"] if f["built"]}
         cls.folder = tempfile.TemporaryDirectory()
 
     @classmethod
@@ -38,16 +38,12 @@ class ServeApi(unittest.TestCase):
     def test_catalogue_is_the_library_s(self):
         filters = self.catalogue["filters"]
         self.assertEqual([(f["name"], f["built"]) for f in filters], list(tool_catalogue(KRFILTER).items()))
-        self.assertEqual(len(filters), 36)
         self.assertEqual([f["index"] for f in filters], list(range(36)))
         # The family table covers the whole catalogue.
         self.assertEqual({f["family"] for f in filters},
                          {"Tone curves, histograms and display", "Neighbourhood filters", "Multi-scale enhancement",
                           "Regional corrections"})
-        by_name = {f["name"]: f for f in filters}
-        self.assertEqual(by_name["unsharp"]["params"][0]["name"], "Intensity ")
-        self.assertEqual([p["name"] for p in by_name["sigma"]["params"]], ["Sigma", "Sigma"])
-        # Every dialog field as `krfilter info` states it.
+        # Every dialog field as `krfilter info` states it ("Intensity " keeps its blank, "Sigma" comes twice).
         for f in filters:
             self.assertEqual(info_fields(KRFILTER, f["name"]),
                              [(p["index"], p["name"], p["type"], p["min"], p["max"], p["default"]) for p in f["params"]],
@@ -56,12 +52,8 @@ class ServeApi(unittest.TestCase):
     def test_runs_by_index_match_the_tool(self):
         phantom_png = self.server.file(self.phantom)
         cases = [("sigma", ["0.15", "0.05"], ["#1=0.15", "#2=0.05"]),  # two parameters of one name
-                 ("unsharp", ["2", 3], ["Intensity =2", "Radius=3"]),   # a name ending in a blank; a JSON number
-                 ("median2D", ["5"], ["oddnum=5"])]
-        ran = 0
+                 ("unsharp", ["2", 3], ["Intensity =2", "Radius=3"])]   # a name ending in a blank; a JSON number
         for name, values, assignments in cases:
-            if name not in self.built:
-                continue
             with self.subTest(filter=name):
                 status, answer = self.server.run(self.phantom, index_of(self.catalogue, name), values)
                 self.assertEqual((status, answer["code"], answer["code_text"]), (200, 0, "success"))
@@ -69,12 +61,10 @@ class ServeApi(unittest.TestCase):
                 served = self.server.file(answer["result"]["id"])
                 self.assertTrue(served == tool_result(KRFILTER, self.folder.name, name, phantom_png, assignments),
                                 "differs from krfilter run")
-                ran += 1
-        self.assertGreater(ran, 0, "none of the filters compared is built")
 
     def test_bad_requests_are_400_with_a_message(self):
         median = index_of(self.catalogue, "median2D")
-        good_png = write_png(4, 3, list(range(12)), bit_depth=16)
+        good_png = png_bytes([[4 * r + c for c in range(4)] for r in range(3)])
         runs = [
             (b"{not json", "not JSON"),
             ({"image": self.phantom}, "expected"),
@@ -93,7 +83,7 @@ class ServeApi(unittest.TestCase):
             (b"", "empty"),
             (b"this is not an image at all", ""),
             (good_png[:60], ""),                                                    # truncated
-            (write_png(2, 2, [1, 2, 3] * 4, bit_depth=8, colour_type=2), ""),      # colour
+            (png_bytes([[1, 2, 3] * 2] * 2, 8, colour_type=2), ""),                # colour
         ]
         for data, message in uploads:
             with self.subTest(upload=data[:16]):
@@ -130,28 +120,23 @@ class ServeApi(unittest.TestCase):
         self.assertIn("256 MiB", answer["error"])
         for width, height in [(16385, 1), (1, 16385)]:
             with self.subTest(size=(width, height)):
-                status, answer = self.server.upload(write_png(width, height, [7] * (width * height), 8))
+                status, answer = self.server.upload(png_bytes([[7] * width] * height, 8))
                 self.assertEqual(status, 413)
                 self.assertIn("16384", answer["error"])
-        status, answer = self.server.upload(write_png(16384, 1, [7] * 16384, 8))
+        status, answer = self.server.upload(png_bytes([[7] * 16384], 8))
         self.assertEqual((status, answer["width"]), (200, 16384))
 
     def test_non_zero_codes_leave_the_server_serving(self):
-        # IsoDensity always answers 1; a filter this build lacks answers -3.
-        failing = "IsoDensity" if "IsoDensity" in self.built else next(
-            f["name"] for f in self.catalogue["filters"] if not f["built"])
-        status, answer = self.server.run(self.phantom, index_of(self.catalogue, failing))
-        self.assertEqual(status, 200)
-        self.assertNotEqual(answer["code"], 0)
+        status, answer = self.server.run(self.phantom, index_of(self.catalogue, "IsoDensity"))  # always answers 1
+        self.assertEqual((status, answer["code"]), (200, 1))
         self.assertNotIn("result", answer)
-        self.assertTrue(answer["code_text"])
+        self.assertIn("no pixel work", answer["code_text"])
         status, answer = self.server.run(self.phantom, index_of(self.catalogue, "median2D"), ["3"])
         self.assertEqual((status, answer["code"]), (200, 0))
 
     def test_concurrent_runs_give_the_sequential_results(self):
-        jobs = [(name, values) for name, values in
-                [("median2D", ["3"]), ("median2D", ["7"]), ("gamma", ["0.6"]), ("unsharp", ["2", "3"]),
-                 ("mean2D", ["5"]), ("despeckle", ["5", "200"])] if name in self.built]
+        jobs = [("median2D", ["3"]), ("median2D", ["7"]), ("gamma", ["0.6"]), ("unsharp", ["2", "3"]),
+                ("mean2D", ["5"]), ("despeckle", ["5", "200"])]
         references = {}
         for name, values in jobs:
             status, answer = self.server.run(self.phantom, index_of(self.catalogue, name), values)
@@ -181,7 +166,7 @@ class ServeApi(unittest.TestCase):
     def test_only_the_most_recent_images_are_kept(self):
         ids = []
         for k in range(17):
-            status, answer = self.server.upload(write_png(3, 2, [k] * 6, 16), f"small-{k}.png")
+            status, answer = self.server.upload(png_bytes([[k] * 3] * 2), f"small-{k}.png")
             self.assertEqual(status, 200)
             ids.append(answer["id"])
         self.assertEqual(self.server.request("GET", f"/api/images/{ids[0]}")[0], 404)
@@ -211,13 +196,11 @@ class ServeLifecycle(unittest.TestCase):
     def test_signals_stop_the_server_and_remove_its_files(self):
         for sig in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(signal=sig), Server(KRFILTER) as server:
-                catalogue = server.catalogue()
-                status, _ = server.upload(write_png(8, 8, list(range(64)), 16))
+                status, _ = server.upload(png_bytes(gradient(8, 8, 4095)))
                 self.assertEqual(status, 200)
                 folder = server.scratch_folder()
                 self.assertTrue(folder and os.path.isdir(folder), server.stderr_lines)
                 self.assertEqual(os.listdir(folder), [])  # uploads do not outlive their request
-                self.assertTrue(catalogue["filters"])
                 self.assertEqual(server.stop(sig), 0)
                 self.assertFalse(os.path.exists(folder))
 
