@@ -18,6 +18,7 @@ import sys
 import tempfile
 import time
 import unittest
+from unittest import mock
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import cli_test  # noqa: E402  (the sound PNG and TIFF writers)
@@ -160,20 +161,13 @@ class DamagedFiles(unittest.TestCase):
         cases["j2k-wide-frame.dcm"] = bytes(real)
         # The toolkit writes the lossless JPEG to a temporary file for an
         # outside decoder, which may not run: nothing of it may stay behind.
-        temporary, before = tempfile.mkdtemp(dir=self.folder.name), os.environ.get("TMPDIR")
-        os.environ["TMPDIR"] = temporary
-        try:
-            for name, content in cases.items():
-                with self.subTest(name=name):
-                    started = time.monotonic()
-                    self.expect_refused(name, content)
-                    self.assertLess(time.monotonic() - started, 5, name)
-                    self.assertEqual(os.listdir(temporary), [], name)
-        finally:
-            if before is None:
-                del os.environ["TMPDIR"]
-            else:
-                os.environ["TMPDIR"] = before
+        temporary = tempfile.mkdtemp(dir=self.folder.name)
+        for name, content in cases.items():
+            with self.subTest(name=name), mock.patch.dict(os.environ, TMPDIR=temporary):
+                started = time.monotonic()
+                self.expect_refused(name, content)
+                self.assertLess(time.monotonic() - started, 5, name)
+                self.assertEqual(os.listdir(temporary), [], name)
 
     def test_flipped_bits_never_crash_the_tool(self):
         # A flip may leave a readable image (a changed sample) or damage the
