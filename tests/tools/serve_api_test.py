@@ -6,6 +6,7 @@ usage: serve_api_test.py PATH_TO_KRFILTER [unittest arguments]
 Results are checked against `krfilter run` on the same input with the same
 parameters, so the page and the command line cannot drift apart."""
 
+import json
 import os
 import signal
 import sys
@@ -62,57 +63,49 @@ class ServeApi(unittest.TestCase):
                 self.assertTrue(served == tool_result(KRFILTER, self.folder.name, name, phantom_png, assignments),
                                 "differs from krfilter run")
 
-    def test_bad_requests_are_400_with_a_message(self):
-        median = index_of(self.catalogue, "median2D")
+    def test_bad_and_unknown_things_are_400_and_404_with_a_message(self):
+        median, image = index_of(self.catalogue, "median2D"), f"/api/images/{self.phantom}"
         good_png = png_bytes([[4 * r + c for c in range(4)] for r in range(3)])
-        runs = [
-            (b"{not json", "not JSON"),
-            ({"image": self.phantom}, "expected"),
-            ({"image": self.phantom, "filter": median, "values": ["5x"]}, "not a whole number"),
-            ({"image": self.phantom, "filter": median, "values": ["5", "7"]}, "takes 1 values at most"),
-            ({"image": self.phantom, "filter": median, "values": [True]}, "neither text nor a number"),
-            ({"image": self.phantom, "filter": median, "values": [5.0]}, "not a whole number"),
-            ({"image": self.phantom, "filter": median, "white": 0}, "white takes"),
+
+        def run(**body):
+            return "POST", "/api/run", {"image": self.phantom, **body}
+
+        def upload(data):
+            return "POST", "/api/images?name=bad.png", data
+
+        cases = [
+            (("POST", "/api/run", b"{not json"), 400, "not JSON"),
+            (run(), 400, "expected"),
+            (run(filter=median, values=["5x"]), 400, "not a whole number"),
+            (run(filter=median, values=["5", "7"]), 400, "takes 1 values at most"),
+            (run(filter=median, values=[True]), 400, "neither text nor a number"),
+            (run(filter=median, values=[5.0]), 400, "not a whole number"),
+            (run(filter=median, white=0), 400, "white takes"),
+            (upload(b""), 400, "empty"),
+            (upload(b"this is not an image at all"), 400, ""),
+            (upload(good_png[:60]), 400, ""),                                               # truncated
+            (upload(png_bytes([[1, 2, 3] * 2] * 2, 8, colour_type=2)), 400, ""),          # colour
+            (("POST", "/api/images?name=bad-%FF.png", b"\xff\xfe not an image"), 400, ""),  # a name not in UTF-8
+            (("GET", image + "/preview.png?window=0", None), 400, ""),
+            (("GET", image + "/preview.png?level=12x", None), 400, ""),
+            (("GET", image + "/difference.png", None), 400, ""),
+            (run(filter=36), 404, ""), (run(filter=-1), 404, ""),
+            (("POST", "/api/run", {"image": "0123abcd", "filter": 0}), 404, ""),
+            (("GET", "/nothing", None), 404, ""),
+            (("GET", "/api/images/0123abcd/preview.png", None), 404, ""),
+            (("GET", "/api/images/0123abcd/file.png", None), 404, ""),
+            (("GET", image + "/difference.png?against=0123abcd", None), 404, ""),
+            (("GET", "/api/images/NOTHEX", None), 404, ""),
         ]
-        for body, message in runs:
-            with self.subTest(body=body):
-                status, _, data = self.server.request("POST", "/api/run", body)
-                self.assertEqual(status, 400)
-                self.assertIn(message, data.decode())
-        uploads = [
-            (b"", "empty"),
-            (b"this is not an image at all", ""),
-            (good_png[:60], ""),                                                    # truncated
-            (png_bytes([[1, 2, 3] * 2] * 2, 8, colour_type=2), ""),                # colour
-        ]
-        for data, message in uploads:
-            with self.subTest(upload=data[:16]):
-                status, answer = self.server.upload(data, "bad.png")
-                self.assertEqual(status, 400)
-                self.assertIn(message, answer["error"])
-        for path in [f"/api/images/{self.phantom}/preview.png?window=0",
-                     f"/api/images/{self.phantom}/preview.png?level=12x",
-                     f"/api/images/{self.phantom}/difference.png"]:
-            with self.subTest(path=path):
-                self.assertEqual(self.server.request("GET", path)[0], 400)
-        status, answer = self.server.upload(b"\xff\xfe not an image", b"bad-\xff.png")
-        self.assertEqual(status, 400)  # a name that is not UTF-8 is quoted, not fatal
+        for request, status, message in cases:
+            with self.subTest(request=request[:2]):
+                answer = self.server.request(*request)
+                self.assertEqual(answer[0], status)
+                self.assertIn(message, json.loads(answer[2])["error"])
         status, answer = self.server.upload(good_png, "good.png")
         self.assertEqual((status, answer["width"], answer["height"], answer["highest"]), (200, 4, 3, 11))
         self.assertEqual(self.server.request("GET", f"/api/images/{answer['id']}/difference.png"
                                                     f"?against={self.phantom}")[0], 400)  # sizes differ
-
-    def test_unknown_things_are_404(self):
-        for body in [{"image": self.phantom, "filter": 36}, {"image": self.phantom, "filter": -1},
-                     {"image": "0123abcd", "filter": 0}]:
-            with self.subTest(body=body):
-                self.assertEqual(self.server.json("POST", "/api/run", body)[0], 404)
-        for path in ["/nothing", "/api/images/0123abcd/preview.png", "/api/images/0123abcd/file.png",
-                     f"/api/images/{self.phantom}/difference.png?against=0123abcd", "/api/images/NOTHEX"]:
-            with self.subTest(path=path):
-                status, _, data = self.server.request("GET", path)
-                self.assertEqual(status, 404)
-                self.assertIn(b'"error"', data)
 
     def test_limits_are_413(self):
         status, answer = self.server.declared_upload(256 * 1024 * 1024 + 1, b"\x89PNG")
