@@ -65,9 +65,9 @@ def test_integer_types_are_converted_by_their_values(image):
     assert np.array_equal(krfilter.apply(columns, "median2D", 5), krfilter.apply(image, "median2D", 5))
 
 
-def test_colorize_and_rgb_out(image):
+def test_colour_results_go_into_out(image):
+    # Their samples against the tool's are test_against_tool's.
     rgb = krfilter.apply(image, "colorize", white=1023)
-    assert rgb.shape == image.shape + (3,) and rgb.dtype == np.uint8 and rgb.std() > 0
     out = np.zeros_like(rgb)
     assert krfilter.apply(image, "colorize", white=1023, out=out) is out and np.array_equal(out, rgb)
 

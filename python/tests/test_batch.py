@@ -12,8 +12,6 @@ import pydicom
 import pytest
 import tifffile
 from PIL import Image, PngImagePlugin
-from pydicom.dataset import FileDataset, FileMetaDataset
-from pydicom.uid import ExplicitVRLittleEndian, generate_uid
 
 import krfilter.dask
 from conftest import DATA, HERE, TOOL, read_png, write_png16
@@ -21,21 +19,6 @@ from krfilter import imageio
 
 PARAMS = {"intensity": 2.0, "radius": 2}
 TOOL_PARAMS = ["Intensity=2", "Radius=2"]
-
-
-def plain_dicom(path, samples, bits_stored):
-    meta = FileMetaDataset()
-    meta.MediaStorageSOPClassUID = "1.2.840.10008.5.1.4.1.1.1"  # computed radiography
-    meta.MediaStorageSOPInstanceUID = generate_uid()
-    meta.TransferSyntaxUID = ExplicitVRLittleEndian
-    ds = FileDataset(path, {}, file_meta=meta, preamble=b"\0" * 128)
-    ds.SOPClassUID, ds.SOPInstanceUID = meta.MediaStorageSOPClassUID, meta.MediaStorageSOPInstanceUID
-    ds.Rows, ds.Columns = samples.shape
-    ds.SamplesPerPixel, ds.PhotometricInterpretation, ds.PixelRepresentation = 1, "MONOCHROME2", 0
-    ds.BitsAllocated, ds.BitsStored, ds.HighBit = 16, bits_stored, bits_stored - 1
-    ds.PixelData = samples.astype("<u2").tobytes()
-    ds.is_little_endian, ds.is_implicit_VR = True, False
-    ds.save_as(path, write_like_original=False)
 
 
 @pytest.fixture(scope="module")
@@ -51,7 +34,6 @@ def folder(tmp_path_factory, leg):
     Image.fromarray(crop, "I;16").save(inputs / "leg10.png", pnginfo=info)
     Image.fromarray((crop >> 2).astype(np.uint8), "L").save(inputs / "small8.png")
     tifffile.imwrite(inputs / "leg12.tif", crop * 4, photometric="minisblack", extratags=[(281, "H", 1, 4095)])
-    plain_dicom(str(inputs / "plain.dcm"), crop[:40] * 4, 12)
     shutil.copy(os.path.join(DATA, "RG3_J2KR.dcm"), inputs / "leg-j2k.dcm")
     (inputs / "broken.tif").write_bytes((inputs / "leg12.tif").read_bytes()[:300])
 
@@ -64,6 +46,10 @@ def folder(tmp_path_factory, leg):
     tool(inputs / "leg12.tif", "leg12.tif")
     write_png16(str(root / "plain.png"), crop[:40] * 4)
     tool(root / "plain.png", "plain.png", "--white", "4095")
+    # An uncompressed DICOM input of the same samples: reversed twice by the tool.
+    for source, target in ((root / "plain.png", root / "reversed.dcm"), (root / "reversed.dcm", inputs / "plain.dcm")):
+        subprocess.run([TOOL, "run", "reverse", str(source), str(target), "--white", "4095"], check=True,
+                       capture_output=True)
     tool(os.path.join(DATA, "cr-leg-10bit.png"), "leg-j2k.png", "--white", "1023")
     return inputs, reference
 

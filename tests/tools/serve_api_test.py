@@ -6,6 +6,7 @@ usage: serve_api_test.py PATH_TO_KRFILTER [unittest arguments]
 Results are checked against `krfilter run` on the same input with the same
 parameters, so the page and the command line cannot drift apart."""
 
+import json
 import os
 import signal
 import sys
@@ -14,7 +15,8 @@ import threading
 import time
 import unittest
 
-from serve_support import Server, index_of, info_fields, tool_catalogue, tool_result, write_png
+from cli_test import gradient, png_bytes
+from serve_support import Server, index_of, info_fields, tool_catalogue, tool_result
 
 KRFILTER = None
 
@@ -25,7 +27,6 @@ class ServeApi(unittest.TestCase):
         cls.server = Server(KRFILTER)
         cls.catalogue = cls.server.catalogue()
         cls.phantom = cls.catalogue["phantom"]["id"]
-        cls.built = {f["name"] for f in cls.catalogue["filters"] if f["built"]}
         cls.folder = tempfile.TemporaryDirectory()
 
     @classmethod
@@ -38,16 +39,12 @@ class ServeApi(unittest.TestCase):
     def test_catalogue_is_the_library_s(self):
         filters = self.catalogue["filters"]
         self.assertEqual([(f["name"], f["built"]) for f in filters], list(tool_catalogue(KRFILTER).items()))
-        self.assertEqual(len(filters), 36)
         self.assertEqual([f["index"] for f in filters], list(range(36)))
         # The family table covers the whole catalogue.
         self.assertEqual({f["family"] for f in filters},
                          {"Tone curves, histograms and display", "Neighbourhood filters", "Multi-scale enhancement",
                           "Regional corrections"})
-        by_name = {f["name"]: f for f in filters}
-        self.assertEqual(by_name["unsharp"]["params"][0]["name"], "Intensity ")
-        self.assertEqual([p["name"] for p in by_name["sigma"]["params"]], ["Sigma", "Sigma"])
-        # Every dialog field as `krfilter info` states it.
+        # Every dialog field as `krfilter info` states it ("Intensity " keeps its blank, "Sigma" comes twice).
         for f in filters:
             self.assertEqual(info_fields(KRFILTER, f["name"]),
                              [(p["index"], p["name"], p["type"], p["min"], p["max"], p["default"]) for p in f["params"]],
@@ -56,12 +53,8 @@ class ServeApi(unittest.TestCase):
     def test_runs_by_index_match_the_tool(self):
         phantom_png = self.server.file(self.phantom)
         cases = [("sigma", ["0.15", "0.05"], ["#1=0.15", "#2=0.05"]),  # two parameters of one name
-                 ("unsharp", ["2", 3], ["Intensity =2", "Radius=3"]),   # a name ending in a blank; a JSON number
-                 ("median2D", ["5"], ["oddnum=5"])]
-        ran = 0
+                 ("unsharp", ["2", 3], ["Intensity =2", "Radius=3"])]   # a name ending in a blank; a JSON number
         for name, values, assignments in cases:
-            if name not in self.built:
-                continue
             with self.subTest(filter=name):
                 status, answer = self.server.run(self.phantom, index_of(self.catalogue, name), values)
                 self.assertEqual((status, answer["code"], answer["code_text"]), (200, 0, "success"))
@@ -69,60 +62,50 @@ class ServeApi(unittest.TestCase):
                 served = self.server.file(answer["result"]["id"])
                 self.assertTrue(served == tool_result(KRFILTER, self.folder.name, name, phantom_png, assignments),
                                 "differs from krfilter run")
-                ran += 1
-        self.assertGreater(ran, 0, "none of the filters compared is built")
 
-    def test_bad_requests_are_400_with_a_message(self):
-        median = index_of(self.catalogue, "median2D")
-        good_png = write_png(4, 3, list(range(12)), bit_depth=16)
-        runs = [
-            (b"{not json", "not JSON"),
-            ({"image": self.phantom}, "expected"),
-            ({"image": self.phantom, "filter": median, "values": ["5x"]}, "not a whole number"),
-            ({"image": self.phantom, "filter": median, "values": ["5", "7"]}, "takes 1 values at most"),
-            ({"image": self.phantom, "filter": median, "values": [True]}, "neither text nor a number"),
-            ({"image": self.phantom, "filter": median, "values": [5.0]}, "not a whole number"),
-            ({"image": self.phantom, "filter": median, "white": 0}, "white takes"),
+    def test_bad_and_unknown_things_are_400_and_404_with_a_message(self):
+        median, image = index_of(self.catalogue, "median2D"), f"/api/images/{self.phantom}"
+        good_png = png_bytes([[4 * r + c for c in range(4)] for r in range(3)])
+
+        def run(**body):
+            return "POST", "/api/run", {"image": self.phantom, **body}
+
+        def upload(data):
+            return "POST", "/api/images?name=bad.png", data
+
+        cases = [
+            (("POST", "/api/run", b"{not json"), 400, "not JSON"),
+            (run(), 400, "expected"),
+            (run(filter=median, values=["5x"]), 400, "not a whole number"),
+            (run(filter=median, values=["5", "7"]), 400, "takes 1 values at most"),
+            (run(filter=median, values=[True]), 400, "neither text nor a number"),
+            (run(filter=median, values=[5.0]), 400, "not a whole number"),
+            (run(filter=median, white=0), 400, "white takes"),
+            (upload(b""), 400, "empty"),
+            (upload(b"this is not an image at all"), 400, ""),
+            (upload(good_png[:60]), 400, ""),                                               # truncated
+            (upload(png_bytes([[1, 2, 3] * 2] * 2, 8, colour_type=2)), 400, ""),          # colour
+            (("POST", "/api/images?name=bad-%FF.png", b"\xff\xfe not an image"), 400, ""),  # a name not in UTF-8
+            (("GET", image + "/preview.png?window=0", None), 400, ""),
+            (("GET", image + "/preview.png?level=12x", None), 400, ""),
+            (("GET", image + "/difference.png", None), 400, ""),
+            (run(filter=36), 404, ""), (run(filter=-1), 404, ""),
+            (("POST", "/api/run", {"image": "0123abcd", "filter": 0}), 404, ""),
+            (("GET", "/nothing", None), 404, ""),
+            (("GET", "/api/images/0123abcd/preview.png", None), 404, ""),
+            (("GET", "/api/images/0123abcd/file.png", None), 404, ""),
+            (("GET", image + "/difference.png?against=0123abcd", None), 404, ""),
+            (("GET", "/api/images/NOTHEX", None), 404, ""),
         ]
-        for body, message in runs:
-            with self.subTest(body=body):
-                status, _, data = self.server.request("POST", "/api/run", body)
-                self.assertEqual(status, 400)
-                self.assertIn(message, data.decode())
-        uploads = [
-            (b"", "empty"),
-            (b"this is not an image at all", ""),
-            (good_png[:60], ""),                                                    # truncated
-            (write_png(2, 2, [1, 2, 3] * 4, bit_depth=8, colour_type=2), ""),      # colour
-        ]
-        for data, message in uploads:
-            with self.subTest(upload=data[:16]):
-                status, answer = self.server.upload(data, "bad.png")
-                self.assertEqual(status, 400)
-                self.assertIn(message, answer["error"])
-        for path in [f"/api/images/{self.phantom}/preview.png?window=0",
-                     f"/api/images/{self.phantom}/preview.png?level=12x",
-                     f"/api/images/{self.phantom}/difference.png"]:
-            with self.subTest(path=path):
-                self.assertEqual(self.server.request("GET", path)[0], 400)
-        status, answer = self.server.upload(b"\xff\xfe not an image", b"bad-\xff.png")
-        self.assertEqual(status, 400)  # a name that is not UTF-8 is quoted, not fatal
+        for request, status, message in cases:
+            with self.subTest(request=request[:2]):
+                answer = self.server.request(*request)
+                self.assertEqual(answer[0], status)
+                self.assertIn(message, json.loads(answer[2])["error"])
         status, answer = self.server.upload(good_png, "good.png")
         self.assertEqual((status, answer["width"], answer["height"], answer["highest"]), (200, 4, 3, 11))
         self.assertEqual(self.server.request("GET", f"/api/images/{answer['id']}/difference.png"
                                                     f"?against={self.phantom}")[0], 400)  # sizes differ
-
-    def test_unknown_things_are_404(self):
-        for body in [{"image": self.phantom, "filter": 36}, {"image": self.phantom, "filter": -1},
-                     {"image": "0123abcd", "filter": 0}]:
-            with self.subTest(body=body):
-                self.assertEqual(self.server.json("POST", "/api/run", body)[0], 404)
-        for path in ["/nothing", "/api/images/0123abcd/preview.png", "/api/images/0123abcd/file.png",
-                     f"/api/images/{self.phantom}/difference.png?against=0123abcd", "/api/images/NOTHEX"]:
-            with self.subTest(path=path):
-                status, _, data = self.server.request("GET", path)
-                self.assertEqual(status, 404)
-                self.assertIn(b'"error"', data)
 
     def test_limits_are_413(self):
         status, answer = self.server.declared_upload(256 * 1024 * 1024 + 1, b"\x89PNG")
@@ -130,28 +113,23 @@ class ServeApi(unittest.TestCase):
         self.assertIn("256 MiB", answer["error"])
         for width, height in [(16385, 1), (1, 16385)]:
             with self.subTest(size=(width, height)):
-                status, answer = self.server.upload(write_png(width, height, [7] * (width * height), 8))
+                status, answer = self.server.upload(png_bytes([[7] * width] * height, 8))
                 self.assertEqual(status, 413)
                 self.assertIn("16384", answer["error"])
-        status, answer = self.server.upload(write_png(16384, 1, [7] * 16384, 8))
+        status, answer = self.server.upload(png_bytes([[7] * 16384], 8))
         self.assertEqual((status, answer["width"]), (200, 16384))
 
     def test_non_zero_codes_leave_the_server_serving(self):
-        # IsoDensity always answers 1; a filter this build lacks answers -3.
-        failing = "IsoDensity" if "IsoDensity" in self.built else next(
-            f["name"] for f in self.catalogue["filters"] if not f["built"])
-        status, answer = self.server.run(self.phantom, index_of(self.catalogue, failing))
-        self.assertEqual(status, 200)
-        self.assertNotEqual(answer["code"], 0)
+        status, answer = self.server.run(self.phantom, index_of(self.catalogue, "IsoDensity"))  # always answers 1
+        self.assertEqual((status, answer["code"]), (200, 1))
         self.assertNotIn("result", answer)
-        self.assertTrue(answer["code_text"])
+        self.assertIn("no pixel work", answer["code_text"])
         status, answer = self.server.run(self.phantom, index_of(self.catalogue, "median2D"), ["3"])
         self.assertEqual((status, answer["code"]), (200, 0))
 
     def test_concurrent_runs_give_the_sequential_results(self):
-        jobs = [(name, values) for name, values in
-                [("median2D", ["3"]), ("median2D", ["7"]), ("gamma", ["0.6"]), ("unsharp", ["2", "3"]),
-                 ("mean2D", ["5"]), ("despeckle", ["5", "200"])] if name in self.built]
+        jobs = [("median2D", ["3"]), ("median2D", ["7"]), ("gamma", ["0.6"]), ("unsharp", ["2", "3"]),
+                ("mean2D", ["5"]), ("despeckle", ["5", "200"])]
         references = {}
         for name, values in jobs:
             status, answer = self.server.run(self.phantom, index_of(self.catalogue, name), values)
@@ -181,7 +159,7 @@ class ServeApi(unittest.TestCase):
     def test_only_the_most_recent_images_are_kept(self):
         ids = []
         for k in range(17):
-            status, answer = self.server.upload(write_png(3, 2, [k] * 6, 16), f"small-{k}.png")
+            status, answer = self.server.upload(png_bytes([[k] * 3] * 2), f"small-{k}.png")
             self.assertEqual(status, 200)
             ids.append(answer["id"])
         self.assertEqual(self.server.request("GET", f"/api/images/{ids[0]}")[0], 404)
@@ -211,13 +189,11 @@ class ServeLifecycle(unittest.TestCase):
     def test_signals_stop_the_server_and_remove_its_files(self):
         for sig in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(signal=sig), Server(KRFILTER) as server:
-                catalogue = server.catalogue()
-                status, _ = server.upload(write_png(8, 8, list(range(64)), 16))
+                status, _ = server.upload(png_bytes(gradient(8, 8, 4095)))
                 self.assertEqual(status, 200)
                 folder = server.scratch_folder()
                 self.assertTrue(folder and os.path.isdir(folder), server.stderr_lines)
                 self.assertEqual(os.listdir(folder), [])  # uploads do not outlive their request
-                self.assertTrue(catalogue["filters"])
                 self.assertEqual(server.stop(sig), 0)
                 self.assertFalse(os.path.exists(folder))
 

@@ -65,9 +65,6 @@ class Page:
             "const image = document.querySelector(arguments[0]);"
             "return image.complete && image.naturalWidth > 0", css) for css in selectors))
 
-    def image_ids(self):
-        return self.script("return [state.image.id, state.result ? state.result.id : null]")
-
 
 def check(condition, message):
     if not condition:
@@ -92,6 +89,13 @@ def drive(page, krfilter, data_dir, artefacts, scratch):
     check(shown == [f[1] for f in info_fields(krfilter, "unsharp")] and shown[0] == "Intensity ",
           f"unsharp's dialog names its parameters exactly: {shown}")
 
+    # A real radiograph through the upload field, filtered with a value typed into the dialog.
+    leg = os.path.join(data_dir, "cr-leg-10bit.png")
+    page.element("#upload").send_keys(os.path.abspath(leg))
+    page.wait.until(lambda _: "good" in page.element("#upload-message").get_attribute("class") or
+                    "bad" in page.element("#upload-message").get_attribute("class"))
+    check("cr-leg-10bit.png" in page.element("#image-info").text and "1760" in page.element("#image-info").text,
+          f"the upload opened: {page.element('#image-info').text}")
     page.choose("median2D")
     (_, name, kind, low, high, default), = info_fields(krfilter, "median2D")
     field = page.element("#param-0")
@@ -101,13 +105,12 @@ def drive(page, krfilter, data_dir, artefacts, scratch):
     field.send_keys("5")
     code, message = page.run()
     check(code == 0 and "success" in message and "samples changed" in message, f"median2D ran: {message}")
-    input_id, result_id = page.image_ids()
     result_png = fetch(page.element("#download").get_attribute("href"))
-    input_png = fetch(f"{page.server.url}api/images/{input_id}/file.png")
-    check(result_png != input_png, "the result differs from the input")
-    check(result_png == tool_result(krfilter, scratch, "median2D", input_png, ["oddnum=5"]),
-          "the downloaded result equals `krfilter run median2D ... oddnum=5`")
-    page.driver.save_screenshot(os.path.join(artefacts, "serve-phantom.png"))
+    with open(leg, "rb") as f:
+        check(result_png == tool_result(krfilter, scratch, "median2D", f.read(), ["oddnum=5"]),
+              "the downloaded result equals `krfilter run median2D ... oddnum=5` on the radiograph")
+    page.driver.save_screenshot(os.path.join(artefacts, "serve-radiograph.png"))
+
     from selenium.webdriver.common.keys import Keys
     window = page.element("#window")
     window.clear()
@@ -117,30 +120,6 @@ def drive(page, krfilter, data_dir, artefacts, scratch):
     page.wait_for_pictures("#before", "#after")
     check(page.element("#window-range").get_attribute("value") == "1200",
           "the window control redraws both views and moves its slider")
-
-    # A real radiograph through the upload field.
-    leg = os.path.join(data_dir, "cr-leg-10bit.png")
-    page.element("#upload").send_keys(os.path.abspath(leg))
-    page.wait.until(lambda _: "good" in page.element("#upload-message").get_attribute("class") or
-                    "bad" in page.element("#upload-message").get_attribute("class"))
-    check("cr-leg-10bit.png" in page.element("#image-info").text and "1760" in page.element("#image-info").text,
-          f"the upload opened: {page.element('#image-info').text}")
-    if expected.get("ContrastCorrection"):
-        chosen, why = "ContrastCorrection", "this build runs it"
-    else:
-        chosen = "equalize" if expected.get("equalize") else next(n for n, built in expected.items() if built)
-        why = "ContrastCorrection is not run by this build"
-    print(f"running {chosen} on the radiograph ({why})")
-    page.choose(chosen)
-    code, message = page.run()
-    check(code == 0, f"{chosen} ran on the radiograph: {message}")
-    _, result_id = page.image_ids()
-    result_png = fetch(page.element("#download").get_attribute("href"))
-    with open(leg, "rb") as f:
-        check(result_png == tool_result(krfilter, scratch, chosen, f.read(), [], "leg.png"),
-              f"the downloaded result equals `krfilter run {chosen}` on the radiograph")
-    page.driver.save_screenshot(os.path.join(artefacts, "serve-radiograph.png"))
-
 
 def main():
     if len(sys.argv) < 4:

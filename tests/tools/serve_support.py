@@ -1,17 +1,15 @@
 """What the tests of `krfilter serve` share: starting and stopping the server,
-requests, the tool's own result for comparison, and a small PNG writer for
-uploads (no imaging module is at hand)."""
+requests, the tool's own result for comparison. Uploads are made with the
+command-line test's PNG writer (no imaging module is at hand)."""
 import http.client
 import json
 import os
 import re
 import signal
-import struct
 import subprocess
 import threading
 import urllib.error
 import urllib.request
-import zlib
 
 
 class Server:
@@ -26,7 +24,8 @@ class Server:
             raise RuntimeError(f"unexpected first line {line!r}; stderr: {self.process.stderr.read()}")
         self.url = line[len("serving on "):]
         self.port = int(self.url.rstrip("/").rsplit(":", 1)[1])
-        self.stderr_lines = []
+        # The scratch folder's line comes before the address: read it now, so it is never still in the pipe.
+        self.stderr_lines = [self.process.stderr.readline()]
         # Filters may print (the noise filter writes a summary line); drain
         # both pipes so the server never blocks on a full one.
         self._drains = [threading.Thread(target=self._drain, args=(self.process.stdout, []), daemon=True),
@@ -125,23 +124,6 @@ class Server:
 
 def index_of(catalogue, name):
     return next(f["index"] for f in catalogue["filters"] if f["name"] == name)
-
-
-# ---- PNG -----------------------------------------------------------------
-
-def _chunk(kind, data):
-    return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xFFFFFFFF)
-
-
-def write_png(width, height, samples, bit_depth=16, colour_type=0):
-    """A PNG of row-major samples (grey, or RGB triplets for colour type 2)."""
-    channels = 3 if colour_type == 2 else 1
-    fmt = ">" + ("H" if bit_depth == 16 else "B") * (width * channels)
-    raw = b"".join(b"\0" + struct.pack(fmt, *samples[r * width * channels:(r + 1) * width * channels])
-                   for r in range(height))
-    header = struct.pack(">IIBBBBB", width, height, bit_depth, colour_type, 0, 0, 0)
-    return (b"\x89PNG\r\n\x1a\n" + _chunk(b"IHDR", header) + _chunk(b"IDAT", zlib.compress(raw)) +
-            _chunk(b"IEND", b""))
 
 
 def tool_result(binary, folder, filter_name, input_png, assignments, name="tool.png"):
