@@ -40,8 +40,4 @@ TEST(Gammalog, ExponentScaleFollowsTheBitDepthAndPiecesMeet) {
     for (int white : {0, 1, 100}) EXPECT_EQ(curve("gammalog", white, doubles({1.0}), 2)[white + 2], white);
 }
 
-TEST(GammaCurves, AllocationFailures) {
-    for (const char* name : {"gamma", "sigma", "gammalog"}) expect_clean_failures(name, doubles({0.7, 0.2}));
-}
-
 }  // namespace

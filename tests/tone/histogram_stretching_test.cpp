@@ -60,9 +60,4 @@ TEST(ShannonStretching, EmptyRegionsAndThresholdsBeyondTheRange) {
     EXPECT_TRUE(run(-1.0, 0.0, {0, 0, 0, 0}) == Image(12, 10, 4095));  // high_th <= 0: window [0, 0]
 }
 
-TEST(HistogramStretching, AllocationFailures) {
-    expect_clean_failures("equalize", Params());
-    expect_clean_failures("ShannonStretching", shannon(0.05, 0.95, {1, 1, 1, 1}));
-}
-
 }  // namespace

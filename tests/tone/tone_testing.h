@@ -44,16 +44,4 @@ inline Levels at(const Levels& values, std::initializer_list<int> indices) {
     return picked;
 }
 
-// Fails each allocation of the filter in turn on a small phantom: every
-// failure must return an allocation code with the output untouched.
-inline void expect_clean_failures(const char* name, Params params) {
-    const Image in = phantom(5, 6, 4095);
-    expect_clean_allocation_failures(
-        [&](Image& out) {
-            Image copy = in;
-            return run_filter(name, copy, out, 4095, params.data());
-        },
-        5, 6, {1007100, 1007200});
-}
-
 }  // namespace krf::test

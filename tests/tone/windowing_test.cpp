@@ -49,10 +49,4 @@ TEST(Linear, BrightnessAndContrast) {
     EXPECT_EQ(at(curve("linear", 1001, doubles({1.0, 0.5})), {750, 751}), (Levels{0, 2}));
 }
 
-TEST(Windowing, AllocationFailures) {
-    expect_clean_failures("LL-UL", doubles({0.2, 0.7}));
-    expect_clean_failures("gammalin", doubles({0.8, 0.2, 0.7}));
-    expect_clean_failures("linear", doubles({0.2, 0.7}));
-}
-
 }  // namespace
