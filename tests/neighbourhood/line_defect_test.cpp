@@ -10,9 +10,8 @@
 #include <tuple>
 #include <vector>
 
-#include "image_io.h"
 #include "neighbourhood/line_defect.h"
-#include "support/test_images.h"
+#include "support/radiographs.h"
 
 namespace {
 
@@ -75,12 +74,9 @@ bool other_rows_equal(const Image& a, const Image& b, int row) {
 TEST(LineDefect, FaultyRowsGetTheirLineBackAndNothingElseChanges) {
     std::vector<std::tuple<std::string, Image, int, int, int, std::vector<const char*>>> cases;
     for (auto [file, white] : {std::pair{"cr-leg-10bit.png", 1023}, std::pair{"cr-15bit.png", 32767}}) {
-        krf::tools::GreyImage grey;
-        ASSERT_EQ(krf::tools::read_grey_image(std::string(KRFILTER_DATA_DIR) + "/" + file, grey), "") << file;
-        Image truth(grey.height, grey.width);
-        std::copy(grey.samples.begin(), grey.samples.end(), &truth.at(0, 0));
+        const Image truth = radiograph(file);
         for (int tile : {0, 64})
-            cases.emplace_back(file, truth, white, grey.height * 2 / 5, tile, std::vector{"supereq"});
+            cases.emplace_back(file, truth, white, truth.height() * 2 / 5, tile, std::vector{"supereq"});
     }
     for (int line : {0, 39})
         cases.emplace_back("ramps", ramps(40, 96, 600, 1), 4095, line, 16, std::vector{"supereq", "supereq_pre"});
