@@ -218,5 +218,11 @@ TEST(SwitchingMedian, MatchesTheStepByStepDefinition) {
     }
 }
 
+// On an image that has a noise model (the library-wide sweep's small phantom
+// has none), so that the estimation's own allocations fail too.
+TEST(SwitchingMedian, AllocationFailuresLeaveTheOutputUntouched) {
+    EXPECT_GT(expect_clean_failures("SMF", salted(0.01, 9), nullptr, {kSmfNoRaster, kNoBuffer}), 0);
+}
+
 }  // namespace
 }  // namespace krf::test
