@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "support/radiographs.h"
 #include "corrections/spine_compensation.h"
@@ -52,10 +53,9 @@ double column_mean(const Image& image, int c, int r0, int r1) {
 }
 
 TEST(SpineCompensation, HalfSizeFollowsTheWidthWhenZero) {
-    EXPECT_EQ(spine_half_size(0, 2814), 20);
-    EXPECT_EQ(spine_half_size(0, 100), 1);
-    EXPECT_EQ(spine_half_size(0, 0), 1);
-    EXPECT_EQ(spine_half_size(7, 100), 7);
+    EXPECT_EQ(std::tuple(spine_half_size(0, 2814), spine_half_size(0, 100), spine_half_size(0, 0),
+                         spine_half_size(7, 100)),
+              std::tuple(20, 1, 1, 7));
 }
 
 TEST(SpineCompensation, BordersSitAtTheCollimatorEdgesOfASyntheticFrame) {

@@ -111,10 +111,7 @@ TEST(Rum, ZeroDeviationGivesTheConstantGain) {
     Settings s;
     s.smoothing = 2;  // behaves as 3
     // A deviation window of 1 and no offset: gain 0, the input clamped to white.
-    Image clamped = in;
-    for (int y = 0; y < 15; ++y)
-        for (int x = 0; x < 16; ++x) clamped.at(y, x) = std::min<krf::Sample>(in.at(y, x), 4095);
-    EXPECT_TRUE(run("RUM", in, 4095, rum_params(s)) == clamped);
+    const Image clamped = run("RUM", in, 4095, rum_params(s));
     // peak = offset (+ zero deviation) gives gain 1: X + intensity · (X − mean3x3).
     s.peak = s.offset = 2;
     s.intensity = 3;
@@ -125,6 +122,7 @@ TEST(Rum, ZeroDeviationGivesTheConstantGain) {
             for (int j = -1; j <= 1; ++j)
                 for (int i = -1; i <= 1; ++i) sum += in.at(std::clamp(y + j, 0, 14), std::clamp(x + i, 0, 15));
             const long mean = (sum + 4) / 9, X = in.at(y, x);
+            ASSERT_EQ(clamped.at(y, x), std::min(X, 4095L)) << x << "," << y;
             ASSERT_EQ(out.at(y, x), std::clamp(X + 3 * (X - mean), 0L, 4095L)) << x << "," << y;
         }
 }

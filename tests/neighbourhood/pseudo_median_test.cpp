@@ -43,14 +43,13 @@ TEST(PseudoMedian2D, RowMedianThenColumnMedianWithTheFirstThreeRule) {
     }
 }
 
-TEST(PseudoMedian2D, WindowsBelowThreeCopyWindowsBeyondTheImageWriteNothingAndFailuresAreClean) {
+TEST(PseudoMedian2D, WindowsBelowThreeCopyWindowsBeyondTheImageWriteNothing) {
     for (const auto [height, width, w] : {std::tuple{7, 11, 1}, {7, 11, 2}, {7, 11, 0}, {7, 11, INT_MIN}, {1, 9, 3},
                                         {2, 9, 3}, {9, 2, 3}, {8, 8, 9}, {40, 40, INT_MAX}}) {
         const Image in = random_image(height, width, 65535, w);
         EXPECT_TRUE(pseudo_median(in, w) == (w < 3 ? in : Image(height, width, kMarker)))
             << height << "x" << width << " w " << w;
     }
-    EXPECT_GT(expect_clean_failures("pseudo-median2D", random_image(10, 13, 65535, 2), Params().add_int(5).data()), 0);
 }
 
 }  // namespace

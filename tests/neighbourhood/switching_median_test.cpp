@@ -9,7 +9,6 @@
 
 #include "neighbourhood/median.h"
 #include "neighbourhood/neighbourhood_testing.h"
-#include "platform/memory.h"
 
 namespace krf::test {
 namespace {
@@ -219,16 +218,10 @@ TEST(SwitchingMedian, MatchesTheStepByStepDefinition) {
     }
 }
 
+// On an image that has a noise model (the library-wide sweep's small phantom
+// has none), so that the estimation's own allocations fail too.
 TEST(SwitchingMedian, AllocationFailuresLeaveTheOutputUntouched) {
-    const Image in = salted(0.01, 9);
-    EXPECT_GT(expect_clean_failures("SMF", in, nullptr, {kSmfNoRaster, kNoBuffer}), 0);
-    // Which code comes from where: the rasters (two row arrays, 150 rows
-    // each), then the noise estimation's first buffer.
-    for (const auto [nth, code] : {std::pair{1, kSmfNoRaster}, {152, kSmfNoRaster}, {303, kNoBuffer}}) {
-        krf::testing::fail_allocation(nth);
-        EXPECT_TRUE(smf(in, 4095, code) == Image(150, 150, kMarker)) << nth;
-        krf::testing::fail_allocation(0);
-    }
+    EXPECT_GT(expect_clean_failures("SMF", salted(0.01, 9), nullptr, {kSmfNoRaster, kNoBuffer}), 0);
 }
 
 }  // namespace

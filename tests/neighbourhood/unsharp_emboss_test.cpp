@@ -48,7 +48,7 @@ TEST(Unsharp, MatchesTheTablesOnEveryPath) {
 
 // A sample above its mean goes to white for a huge positive intensity and to
 // 0 for a huge negative one; an intensity that is not a number copies.
-TEST(Unsharp, ExtremeIntensitiesStayDefinedAndAllocationFailuresAreClean) {
+TEST(Unsharp, ExtremeIntensitiesStayDefined) {
     Image in = random_image(9, 30, 4095, 50);
     EXPECT_TRUE(unsharp_of(in, 3, std::numeric_limits<double>::quiet_NaN()) == in);
     const Image mean = reference_mean(in, 3, 4095);
@@ -59,7 +59,6 @@ TEST(Unsharp, ExtremeIntensitiesStayDefinedAndAllocationFailuresAreClean) {
                 if (in.at(r, c) != mean.at(r, c))
                     ASSERT_EQ(out.at(r, c), (in.at(r, c) > mean.at(r, c)) == (k > 0) ? 4095 : 0) << k;
     }
-    expect_clean_failures("unsharp", in, Params().add_double(2.0).add_int(3).data());
 }
 
 // The 3 x 3 relief in 64-bit integers inside a zero frame; hardness 0 means 7.
@@ -85,7 +84,6 @@ TEST(Emboss, MatchesTheKernelForAnyHardnessOnEveryPath) {
     EXPECT_TRUE(filtered("emboss", in, 4095, Params().add_int(5).data()) == reference_emboss(in, 5, 4095));
     ASSERT_EQ(emboss(image.rows(), image.rows(), 9, 12, 4095, 4), 0);  // in place
     EXPECT_TRUE(image == reference_emboss(in, 4, 4095));
-    expect_clean_failures("emboss", in, Params().add_int(4).data());
 }
 
 }  // namespace

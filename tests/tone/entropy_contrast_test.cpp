@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "image_io.h"
+#include "support/radiographs.h"
 #include "tone/tone_testing.h"
 
 namespace {
@@ -98,11 +98,7 @@ Image two_stage_reference(const Image& in, int white, bool bell, const std::vect
 }
 
 TEST(Ece, SameSamplesAsTheTwoStagesOnRealAndSparseImages) {
-    krf::tools::GreyImage grey;
-    ASSERT_EQ(krf::tools::read_grey_image(std::string(KRFILTER_DATA_DIR) + "/cr-leg-10bit.png", grey), "");
-    Image leg(300, 400);  // a crop across the leg and the background
-    for (int r = 0; r < 300; ++r)
-        for (int c = 0; c < 400; ++c) leg.at(r, c) = grey.samples[static_cast<std::size_t>(r + 700) * grey.width + c + 600];
+    const Image leg = crop(radiograph("cr-leg-10bit.png"), 700, 600, 300, 400);  // across the leg and the background
     // A 16-bit image whose levels are far apart: most levels of every band are empty.
     Image sparse = phantom(120, 90, 65535, 3);
     for (int r = 0; r < 120; ++r)

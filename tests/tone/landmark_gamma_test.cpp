@@ -8,7 +8,7 @@
 #include <random>
 #include <string>
 
-#include "image_io.h"
+#include "support/radiographs.h"
 #include "tone/tone.h"
 #include "tone/tone_testing.h"
 
@@ -60,10 +60,7 @@ TEST(LandmarkGamma, FindsAPlantedMarkerWithinAPixel) {
     }
     // A real radiograph, whose own lead letter is a landmark too: the planted
     // marker has the stronger contrast and wins.
-    krf::tools::GreyImage grey;
-    ASSERT_EQ(krf::tools::read_grey_image(std::string(KRFILTER_DATA_DIR) + "/cr-leg-10bit.png", grey), "");
-    Image leg(grey.height, grey.width);
-    std::copy(grey.samples.begin(), grey.samples.end(), &leg.at(0, 0));
+    Image leg = radiograph("cr-leg-10bit.png");
     const LandmarkTemplate shape = krf::tone::landmark_template(leg.height(), leg.width(), 0, 0);
     plant_marker(leg, 523, 811, shape, 1000, 40, 10.0, 1);
     const Landmark found = located(leg, 1023, shape);
