@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include "image_formats.h"
@@ -91,6 +92,22 @@ TiffPtr open_tiff(const std::string& path, const char* mode, TiffMessages& messa
     return tif;
 }
 
+// When the strip holding `row` reaches past the end of the file, says so in
+// our own words: libtiff's message for a strip that starts beyond the end
+// prints the negative byte count it got as a huge unsigned number.
+std::string strip_past_end(TIFF* tif, const std::string& path, std::uint32_t row) {
+    std::error_code failed;
+    const std::uintmax_t size = std::filesystem::file_size(path, failed);
+    if (failed) return {};
+    const std::uint32_t strip = TIFFComputeStrip(tif, row, 0);
+    const std::uint64_t offset = TIFFGetStrileOffset(tif, strip);
+    const std::uint64_t bytes = TIFFGetStrileByteCount(tif, strip);
+    if (offset <= size && bytes <= size - offset) return {};
+    return "the file ends at byte " + std::to_string(size) + (offset < size ? ", inside" : ", before") + " strip " +
+           std::to_string(strip) + " of the samples, " + std::to_string(bytes) + " bytes from byte " +
+           std::to_string(offset);
+}
+
 }  // namespace
 
 std::string read_tiff(const std::string& path, GreyImage& image, WhiteSource& source) {
@@ -138,7 +155,9 @@ std::string read_tiff(const std::string& path, GreyImage& image, WhiteSource& so
     for (std::uint32_t r = 0; r < height; ++r) {
         if (TIFFReadScanline(tif.get(), line.data(), r, 0) < 0) {
             image.samples.clear();
-            return "corrupt or truncated TIFF (" + messages.explanation("read error") + ")";
+            const std::string past_end = strip_past_end(tif.get(), path, r);
+            return "corrupt or truncated TIFF (" + (past_end.empty() ? messages.explanation("read error") : past_end) +
+                   ")";
         }
         std::uint16_t* out = image.row(static_cast<int>(r));
         if (bits == 8) std::copy(line.begin(), line.begin() + width, out);
