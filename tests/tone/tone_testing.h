@@ -23,6 +23,7 @@ inline Image row_of(const Levels& levels) {
     return image;
 }
 
+// The shared helper, taking the parameter sets these tests build by value.
 inline Image filtered(const char* name, Image in, int white, Params params = Params(), int code = 0) {
     return filtered(name, std::move(in), white, params.data(), code);
 }
