@@ -237,7 +237,6 @@ class Cli(unittest.TestCase):
             ("in.png", 16, 12, ["--white=2000"], 2000, "out.tif"),
             ("in.tif", 16, 1023, [], 1023, "out.png"),
             ("in.tif", 8, 200, [], 200, "out.TIFF"),
-            ("in.png", 8, None, [], 255, "out.png"),
             ("in.png", 16, 16, [], 65535, "out.png"),
             ("in.tif", 16, 1000, [], 1000, "out.png"),  # sBIT can only say 10 bits: read back as 1023
             ("in.tif", 8, 100, [], 100, "out.png"),
