@@ -22,12 +22,9 @@ Params spine_params(const char* name, int half_size, int strength, float metal_t
     return p;
 }
 
-Image run_spine(const char* name, Image& in, int white, int half_size = 0, int strength = 100,
+Image run_spine(const char* name, const Image& in, int white, int half_size = 0, int strength = 100,
                 float metal_threshold = 0.95f) {
-    Image out(in.height(), in.width(), kMarker);
-    EXPECT_EQ(run_filter(name, in, out, white, spine_params(name, half_size, strength, metal_threshold).data()), 0)
-        << name;
-    return out;
+    return filtered(name, in, white, spine_params(name, half_size, strength, metal_threshold).data());
 }
 
 // A bright collimated frame (12 columns left, 10 right, 8 rows top, 9 bottom)

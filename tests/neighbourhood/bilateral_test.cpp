@@ -51,15 +51,14 @@ Image bilateral_of(const Image& in, int white, double sigma_s, double sigma_l) {
     });
 }
 
-// A step many range sigmas high keeps its edge. Through DoFilter, where
+// A step many range sigmas high keeps its edge, through DoFilter, where
 // LuminanceSigma travels as a double.
 TEST(Bilateral, AStepKeepsItsEdge) {
     Image step(10, 16);
     for (int r = 0; r < 10; ++r)
         for (int c = 0; c < 16; ++c) step.at(r, c) = c < 8 ? 100 : 4000;
     const Image sharp = filtered("bilateral_filter", step, 4095, Params().add_double(0.8).add_double(50.0).data());
-    for (int r = 2; r < 8; ++r)
-        for (int c = 1; c < 16; ++c) ASSERT_LE(std::abs(sharp.at(r, c) - step.at(r, c)), 1) << r << "," << c;
+    EXPECT_TRUE(sharp == reference_bilateral(step, 4095, 0.8, 50.0));
 }
 
 TEST(Bilateral, DegenerateSigmasAreDefined) {

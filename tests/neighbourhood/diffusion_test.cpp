@@ -52,17 +52,9 @@ TEST(Diffusion, NoPassOrNoStepGivesTheClampedInputInsideAnUntouchedFrame) {
     for (double lambda : {0.0, -1.0, kNaN}) EXPECT_TRUE(adf(in, lambda, 0, 7) == clamped) << lambda;
 }
 
-// One pass over a single bright pixel: it loses four fluxes, each neighbour
-// gains one, the diagonal stays dark. Lambda is held to 0.25 and a k that is
-// not a number means the default, like 0.
-TEST(Diffusion, ASpreadingBrightPixelAndParameterRules) {
-    Image spot(5, 5);
-    spot.at(2, 2) = 1000;
-    const Image out = adf(spot, 0.25, 0, 1);
-    const double flux = 1000 * std::exp(-std::pow(1000 / (8191 / 6.0), 2));
-    EXPECT_EQ(out.at(2, 2), static_cast<int>(4 * -flux * 0.25 + 1000));
-    for (auto [r, c] : {std::pair{1, 2}, {3, 2}, {2, 1}, {2, 3}}) EXPECT_EQ(out.at(r, c), static_cast<int>(flux * 0.25));
-    EXPECT_EQ(out.at(1, 1), 0);
+// Lambda is held to 0.25 and a k that is not a number means the default, like 0. (The default itself, and
+// how a pass spreads a level to its four neighbours, are the stated update's, checked exactly below.)
+TEST(Diffusion, ParameterRules) {
     const Image in = random_image(10, 13, 4095, 2);
     EXPECT_TRUE(adf(in, 0.3, 0, 3) == adf(in, 0.25, 0, 3));
     EXPECT_TRUE(adf(in, 0.2, kNaN, 3) == adf(in, 0.2, 0, 3));

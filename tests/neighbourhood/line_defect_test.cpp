@@ -24,16 +24,13 @@ struct Settings {
     int roi_width = 0, roi_height = 0, roi_v = 0, roi_h = 0, percentile = 0, enable_post = 0;
 };
 
-Image run(const char* name, Image in, int white, const Settings& s, int* code = nullptr) {
+Image run(const char* name, const Image& in, int white, const Settings& s, int code = 0) {
     Params p;
     p.add_int(s.line).add_int(s.prev).add_int(s.post).add_int(s.tile).add_double(s.factor);
     if (std::string(name) == "supereq_pre") {
         for (int v : {s.roi_width, s.roi_height, s.roi_v, s.roi_h, s.percentile, s.enable_post}) p.add_int(v);
     }
-    Image out(in.height(), in.width(), kMarker);
-    const int result = run_filter(name, in, out, white, p.data());
-    if (code) *code = result;
-    return out;
+    return filtered(name, in, white, p.data(), code);
 }
 
 // Smooth anatomy-like ramps with noise, so that a gain error stands out
@@ -85,9 +82,7 @@ TEST(LineDefect, FaultyRowsGetTheirLineBackAndNothingElseChanges) {
         scale_row(damaged, line, 0.8);
         const double damage = row_error(damaged, truth, line);
         for (const char* name : names) {
-            int code = -1;
-            const Image out = run(name, damaged, white, {.line = line, .tile = tile}, &code);
-            EXPECT_EQ(code, 0);
+            const Image out = run(name, damaged, white, {.line = line, .tile = tile});
             EXPECT_LE(row_error(out, truth, line), 0.1 * damage) << name << " " << label << " " << line << " " << tile;
             EXPECT_TRUE(other_rows_equal(out, damaged, line)) << name << " " << label;
         }
@@ -102,9 +97,7 @@ TEST(LineDefect, GainPerTileFromBothSidesWithinTheBound) {
         for (int c = 0; c < 12; ++c) in.at(r, c) = static_cast<Sample>(r != 10 ? 500 + 50 * r : c < 6 ? 800 : 1200);
     in.at(3, 4) = 60000;  // above white on a copied row: passes unchanged
     auto line = [&](const char* name, const Settings& s) {
-        int code = -1;
-        const Image out = run(name, in, 4095, s, &code);
-        EXPECT_EQ(code, 0);
+        const Image out = run(name, in, 4095, s);
         EXPECT_TRUE(other_rows_equal(out, in, 10));
         return std::vector<int>{out.at(10, 0), out.at(10, 3), out.at(10, 11)};
     };
@@ -173,19 +166,12 @@ TEST(LineDefect, RegionOfInterestChoosesWhereTheGainIsMeasured) {
 // Nothing to correct or nothing to compare with: the input comes back with a code.
 TEST(LineDefect, DegenerateLinesRegionsAndParameters) {
     const Image in = ramps(10, 20, 700, 6);
-    for (int line : {-1, 10, INT_MAX, INT_MIN}) {
-        int code = 0;
-        EXPECT_TRUE(run("supereq", in, 4095, {.line = line}, &code) == in);
-        EXPECT_EQ(code, krf::kDefectLineOutsideImage);
-    }
-    int code = 0;
-    EXPECT_TRUE(run("supereq", ramps(1, 20, 700, 7), 4095, {}, &code) == ramps(1, 20, 700, 7));
-    EXPECT_EQ(code, krf::kNoReferenceLines);
+    for (int line : {-1, 10, INT_MAX, INT_MIN})
+        EXPECT_TRUE(run("supereq", in, 4095, {.line = line}, krf::kDefectLineOutsideImage) == in) << line;
+    EXPECT_TRUE(run("supereq", ramps(1, 20, 700, 7), 4095, {}, krf::kNoReferenceLines) == ramps(1, 20, 700, 7));
     for (const Settings& s : {Settings{.line = 3, .roi_h = 20}, Settings{.line = 3, .roi_v = INT_MAX},
-                              Settings{.line = 3, .roi_height = 2, .roi_v = 8}}) {
-        EXPECT_TRUE(run("supereq_pre", in, 4095, s, &code) == in);
-        EXPECT_EQ(code, krf::kNoReferenceLines);
-    }
+                              Settings{.line = 3, .roi_height = 2, .roi_v = 8}})
+        EXPECT_TRUE(run("supereq_pre", in, 4095, s, krf::kNoReferenceLines) == in);
     // Extremes that still leave rows to compare with: every row but the line
     // is copied and the line stays within white.
     const double inf = std::numeric_limits<double>::infinity();
@@ -197,9 +183,8 @@ TEST(LineDefect, DegenerateLinesRegionsAndParameters) {
           Settings{.line = 5, .prev = 1, .tile = 3, .factor = std::numeric_limits<double>::quiet_NaN(),
                    .roi_width = 1, .roi_h = 19, .percentile = 1}}) {
         for (const char* name : {"supereq", "supereq_pre"}) {
-            const Image out = run(name, in, 4095, s, &code);
-            EXPECT_EQ(code, 0) << name << " line " << s.line;
-            EXPECT_TRUE(other_rows_equal(out, in, s.line)) << name;
+            const Image out = run(name, in, 4095, s);
+            EXPECT_TRUE(other_rows_equal(out, in, s.line)) << name << " line " << s.line;
             for (int c = 0; c < 20; ++c) EXPECT_LE(out.at(s.line, c), 4095);
         }
     }

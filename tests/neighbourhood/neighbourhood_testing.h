@@ -18,12 +18,7 @@ namespace krf::test {
 
 // Samples uniform in 0 ... top.
 inline Image random_image(int height, int width, int top, std::uint32_t seed) {
-    Image image(height, width);
-    std::mt19937 generator(seed);
-    std::uniform_int_distribution<int> level(0, top);
-    for (int r = 0; r < height; ++r)
-        for (int c = 0; c < width; ++c) image.at(r, c) = static_cast<Sample>(level(generator));
-    return image;
+    return random_image(height, width, 0, top, seed);
 }
 
 // Mean of the n x n window (sides made odd, at least 1) with coordinates held
@@ -58,13 +53,6 @@ template <class Run>
 Image output_of(Image in, Run run) {
     Image out(in.height(), in.width(), kMarker);
     EXPECT_EQ(run(in.rows(), out.rows()), 0);
-    return out;
-}
-
-// The same through DoFilter.
-inline Image filtered(const char* name, Image in, int white, void** params, int code = 0) {
-    Image out(in.height(), in.width(), kMarker);
-    EXPECT_EQ(run_filter(name, in, out, white, params), code) << name;
     return out;
 }
 

@@ -76,21 +76,9 @@ Image crop(const Image& image, int top, int left, int height, int width) {
     return window;
 }
 
-Params& Params::add_int(int v) {
-    storage_.emplace_back(sizeof v);
-    std::memcpy(storage_.back().data(), &v, sizeof v);
-    return *this;
-}
-
-Params& Params::add_float(float v) {
-    storage_.emplace_back(sizeof v);
-    std::memcpy(storage_.back().data(), &v, sizeof v);
-    return *this;
-}
-
-Params& Params::add_double(double v) {
-    storage_.emplace_back(sizeof v);
-    std::memcpy(storage_.back().data(), &v, sizeof v);
+Params& Params::append(const void* value, std::size_t size) {
+    storage_.emplace_back(size);
+    std::memcpy(storage_.back().data(), value, size);
     return *this;
 }
 
@@ -105,6 +93,12 @@ int run_filter(const char* name, Image& in, Image& out, int white, void** params
     CKRImage output(out.rows(), out.height(), out.width(), white);
     std::string copy(name);
     return DoFilter(&input, &output, copy.data(), params);
+}
+
+Image filtered(const char* name, Image in, int white, void** params, int code) {
+    Image out(in.height(), in.width(), kMarker);
+    EXPECT_EQ(run_filter(name, in, out, white, params), code) << name;
+    return out;
 }
 
 int expect_clean_allocation_failures(const std::function<int(Image& out)>& run, int height, int width,

