@@ -478,7 +478,8 @@ int median_large(Rows src, Rows dst, int height, int width, int n) {
         // 16-bit data: 2.6 times faster in 7 × 7 windows, 1.4 times in
         // 15 × 15; 12-bit data in windows from 15 × 15 on: 1.2 to 1.4 times
         // slower, so those keep the plain walk).
-        const bool blocks = spread_of(src, height, width) > kLevelsPerSampleForBlocks * static_cast<std::int64_t>(n) * n;
+        const std::int64_t samples = static_cast<std::int64_t>(n) * n;
+        const bool blocks = spread_of(src, height, width) > kLevelsPerSampleForBlocks * samples;
         if (wide_counts) {
             if (blocks) sliding_median<std::uint64_t, true>(src, scratch.rows(), height, width, h, wide.get());
             else sliding_median<std::uint64_t, false>(src, scratch.rows(), height, width, h, wide.get());

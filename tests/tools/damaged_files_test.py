@@ -103,6 +103,8 @@ class DamagedFiles(unittest.TestCase):
             lines = result.stderr.strip().splitlines()
             self.assertEqual(len(lines), 1, "%s: %r" % (name, result.stderr))
             self.assertIn(name, lines[0])
+            # A negative count printed as unsigned tells the reader nothing.
+            self.assertNotRegex(lines[0], r"\d{16}", name)
         return result.returncode == 1, result
 
     def expect_refused(self, name, content, words=""):
@@ -115,10 +117,13 @@ class DamagedFiles(unittest.TestCase):
         for kind, data in sources.items():
             # Cuts inside the signature, the header and the samples; the real compressed
             # radiographs also right after their magic and just short of their end.
+            # A TIFF cut just before its samples has a whole directory pointing past the end.
+            before_samples = cli_test.read_tiff(self.tiff_path)[0][273][0] - 4
             lengths = (132, 600, len(data) // 2, len(data) - 4000) if kind.startswith("real-") else (
-                0, 4, 8, 20, 60, len(data) // 2, len(data) - 20)
+                0, 4, 8, 20, 60, len(data) // 2, len(data) - 20) + ((before_samples,) if kind == "tif" else ())
             for length in lengths:
-                words = "empty file" if length == 0 else DAMAGE.get(kind, "") if length >= len(data) // 2 else ""
+                words = ("empty file" if length == 0 else "before strip 0" if kind == "tif" and length == before_samples
+                         else DAMAGE.get(kind, "") if length >= len(data) // 2 else "")
                 with self.subTest(kind=kind, length=length):
                     self.expect_refused("cut-%d.%s" % (length, kind.rsplit(".", 1)[-1]), data[:length], words)
 
