@@ -14,6 +14,9 @@
 namespace krf {
 namespace {
 
+// The flux table holds at least the differences -kNearReach ... kNearReach.
+constexpr int kNearReach = 16;
+
 // One Jacobi pass over the interior, from `from` into `to`; true when some
 // sample of `to` changed. `flux` is indexed by the signed difference d and
 // holds d * G[d + white].
@@ -148,19 +151,6 @@ KRF_AVX512_INLINE __m256i eight_samples(const Sample* p) {
     return _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
 }
 
-// Eight flux entries; scalar loads, as in lookup4, beat the gather instruction.
-KRF_AVX512_INLINE __m512d lookup8(const double* flux, __m256i to, __m256i from) {
-    alignas(32) std::int32_t i[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(i), _mm256_sub_epi32(to, from));
-    const __m128d p01 = _mm_loadh_pd(_mm_load_sd(flux + i[0]), flux + i[1]);
-    const __m128d p23 = _mm_loadh_pd(_mm_load_sd(flux + i[2]), flux + i[3]);
-    const __m128d p45 = _mm_loadh_pd(_mm_load_sd(flux + i[4]), flux + i[5]);
-    const __m128d p67 = _mm_loadh_pd(_mm_load_sd(flux + i[6]), flux + i[7]);
-    const __m256d low = _mm256_insertf128_pd(_mm256_castpd128_pd256(p01), p23, 1);
-    const __m256d high = _mm256_insertf128_pd(_mm256_castpd128_pd256(p45), p67, 1);
-    return _mm512_insertf64x4(_mm512_castpd256_pd512(low), high, 1);
-}
-
 // -v by flipping the sign bit, as the AVX2 kernel does (AVX-512F has no xor of doubles).
 KRF_AVX512_INLINE __m512d negate8(__m512d v) {
     return _mm512_castsi512_pd(_mm512_xor_si512(_mm512_castpd_si512(v), _mm512_set1_epi64(INT64_MIN)));
@@ -172,6 +162,54 @@ KRF_AVX512_INLINE __m256i update8(__m512d south, __m512d north, __m512d east, __
     return _mm512_cvttpd_epi32(_mm512_add_pd(_mm512_mul_pd(sum, lambda), _mm512_cvtepi32_pd(u)));
 }
 
+// The flux of the 32 differences -16 ... 15 in four registers: neighbours in
+// smooth regions differ by little (on the real radiograph 92 % of the kernel's
+// steps have all 40 differences in that range), and then a look-up is two
+// in-register permutes and a blend instead of eight loads and their shuffles.
+// The entries are the table's own doubles, so the sums are the same. A range
+// of 64 needs four permutes and measured slower; so did choosing per look-up.
+struct NearFlux {
+    __m512d part[4];  // differences -16 + 8 j ... -9 + 8 j
+};
+
+KRF_AVX512_INLINE NearFlux near_flux(const double* flux) {
+    NearFlux near;
+    for (int j = 0; j < 4; ++j) near.part[j] = _mm512_loadu_pd(flux - kNearReach + 8 * j);
+    return near;
+}
+
+// Eight flux entries of differences already known to lie in -16 ... 15.
+KRF_AVX512_INLINE __m512d near_lookup8(const NearFlux& near, __m256i difference) {
+    const __m512i index = _mm512_cvtepi32_epi64(_mm256_add_epi32(difference, _mm256_set1_epi32(kNearReach)));
+    const __m512d q0 = _mm512_permutex2var_pd(near.part[0], index, near.part[1]);
+    const __m512d q1 = _mm512_permutex2var_pd(near.part[2], index, near.part[3]);
+    return _mm512_mask_blend_pd(_mm512_test_epi64_mask(index, _mm512_set1_epi64(16)), q0, q1);
+}
+
+// Whether every difference lies in -16 ... 15.
+KRF_AVX512_INLINE bool all_near(__m256i a, __m256i b, __m256i c, __m256i d, __m256i e) {
+    const __m256i bias = _mm256_set1_epi32(kNearReach);
+    const __m256i any = _mm256_or_si256(
+        _mm256_or_si256(_mm256_add_epi32(a, bias), _mm256_add_epi32(b, bias)),
+        _mm256_or_si256(_mm256_or_si256(_mm256_add_epi32(c, bias), _mm256_add_epi32(d, bias)),
+                        _mm256_add_epi32(e, bias)));
+    return _mm256_testz_si256(any, _mm256_set1_epi32(~(2 * kNearReach - 1)));
+}
+
+// Eight flux entries of any differences; scalar loads, as in lookup4, beat the
+// gather instruction.
+KRF_AVX512_INLINE __m512d lookup8(const double* flux, __m256i difference) {
+    alignas(32) std::int32_t i[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(i), difference);
+    const __m128d p01 = _mm_loadh_pd(_mm_load_sd(flux + i[0]), flux + i[1]);
+    const __m128d p23 = _mm_loadh_pd(_mm_load_sd(flux + i[2]), flux + i[3]);
+    const __m128d p45 = _mm_loadh_pd(_mm_load_sd(flux + i[4]), flux + i[5]);
+    const __m128d p67 = _mm_loadh_pd(_mm_load_sd(flux + i[6]), flux + i[7]);
+    const __m256d low = _mm256_insertf128_pd(_mm256_castpd128_pd256(p01), p23, 1);
+    const __m256d high = _mm256_insertf128_pd(_mm256_castpd128_pd256(p45), p67, 1);
+    return _mm512_insertf64x4(_mm512_castpd256_pd512(low), high, 1);
+}
+
 // The AVX2 pair kernel's scheme eight columns wide: the same lookups shared
 // between neighbours and the same sums in the same order, so the same samples.
 __attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx512(
@@ -180,17 +218,32 @@ __attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx5
     const __m512d lambda_v = _mm512_set1_pd(lambda);
     // Lanes [previous[7], current[0], ..., current[6]]: the east flux one column to the left.
     const __m512i shift = _mm512_setr_epi64(15, 0, 1, 2, 3, 4, 5, 6);
+    const NearFlux near = near_flux(flux);
     __m512d east_top_before = _mm512_set1_pd(flux[in.top[first] - in.top[first - 1]]);
     __m512d east_bottom_before = _mm512_set1_pd(flux[in.bottom[first] - in.bottom[first - 1]]);
     int c = first;
     for (; c + 8 <= last; c += 8) {
         const __m256i top = eight_samples(in.top + c);
         const __m256i bottom = eight_samples(in.bottom + c);
-        const __m512d between = lookup8(flux, bottom, top);  // south of the top row
-        const __m512d north_top = lookup8(flux, eight_samples(in.up + c), top);
-        const __m512d south_bottom = lookup8(flux, eight_samples(in.down + c), bottom);
-        const __m512d east_top = lookup8(flux, eight_samples(in.top + c + 1), top);
-        const __m512d east_bottom = lookup8(flux, eight_samples(in.bottom + c + 1), bottom);
+        const __m256i d_between = _mm256_sub_epi32(bottom, top);
+        const __m256i d_north = _mm256_sub_epi32(eight_samples(in.up + c), top);
+        const __m256i d_south = _mm256_sub_epi32(eight_samples(in.down + c), bottom);
+        const __m256i d_east_top = _mm256_sub_epi32(eight_samples(in.top + c + 1), top);
+        const __m256i d_east_bottom = _mm256_sub_epi32(eight_samples(in.bottom + c + 1), bottom);
+        __m512d between, north_top, south_bottom, east_top, east_bottom;
+        if (all_near(d_between, d_north, d_south, d_east_top, d_east_bottom)) {
+            between = near_lookup8(near, d_between);
+            north_top = near_lookup8(near, d_north);
+            south_bottom = near_lookup8(near, d_south);
+            east_top = near_lookup8(near, d_east_top);
+            east_bottom = near_lookup8(near, d_east_bottom);
+        } else {
+            between = lookup8(flux, d_between);
+            north_top = lookup8(flux, d_north);
+            south_bottom = lookup8(flux, d_south);
+            east_top = lookup8(flux, d_east_top);
+            east_bottom = lookup8(flux, d_east_bottom);
+        }
         const __m512d west_top = negate8(_mm512_permutex2var_pd(east_top, shift, east_top_before));
         const __m512d west_bottom = negate8(_mm512_permutex2var_pd(east_bottom, shift, east_bottom_before));
         east_top_before = east_top;
@@ -309,8 +362,15 @@ private:
 
 int anisotropic_diffusion(Rows src, Rows dst, int height, int width, int white, int iterations, double lambda,
                           double k_devstd, KernelPath path) noexcept {
+    // A negative white level has no table to build: that is an allocation
+    // the allocator refuses.
+    if (white < 0) return kNoBuffer;
+    // The table reaches at least kNearReach levels either side of zero, for
+    // the near look-ups of the widest kernel; entries beyond the white level
+    // stay zero and no difference ever reaches them.
+    const std::int64_t reach = std::max(white, kNearReach);
     ScratchArray<double> table;
-    if (!table.allocate(2 * std::int64_t{white} + 1)) return kNoBuffer;
+    if (!table.allocate(2 * reach + 1)) return kNoBuffer;
 
     // A lambda that is not a number diffuses nothing, like lambda 0.
     const double step = std::isnan(lambda) ? 0.0 : std::clamp(lambda, 0.0, 0.25);
@@ -322,9 +382,9 @@ int anisotropic_diffusion(Rows src, Rows dst, int height, int width, int white, 
     for (int i = 0; i <= 2 * white; ++i) {
         const double d = i - white;
         const double x = d / k;
-        table[i] = d * std::exp(-(x * x));
+        table[reach - white + i] = d * std::exp(-(x * x));
     }
-    const double* flux = table.get() + white;
+    const double* flux = table.get() + reach;
     const auto cap = static_cast<Sample>(white);
     // An image without interior samples has nothing to diffuse and nothing to write.
     if (height < 3 || width < 3) return 0;

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cmath>
 #include <limits>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -70,6 +71,17 @@ TEST(Diffusion, MatchesTheStatedUpdateOnEveryPathAndFailsCleanly) {
                 [&](const Image& in) { return reference_diffusion(in, 4095, passes, 0.2, k); }, 4195, passes);
     Image in = phantom(70, 101, 65535, 5);
     EXPECT_TRUE(adf(in, 0.25, 0, 4, 65535) == reference_diffusion(in, 65535, 4, 0.25, 0));
+    // Neighbours within 16 levels of each other take in-register look-ups in the widest kernel; a
+    // narrow spread mixes them with the table's, and white levels below 16 get a padded table.
+    for (const auto [low, high, white] : {std::tuple{2000, 2024, 4095}, std::tuple{0, 9, 9}, std::tuple{0, 1, 1}}) {
+        const Image narrow = random_image(37, 61, low, high, static_cast<std::uint32_t>(high));
+        const Image expected = reference_diffusion(narrow, white, 3, 0.25, 7.0);
+        for (KernelPath path : {KernelPath::fastest, KernelPath::avx2, KernelPath::portable})
+            EXPECT_TRUE(output_of(narrow, [&](Rows s, Rows d) {
+                            return anisotropic_diffusion(s, d, 37, 61, white, 3, 0.25, 7.0, path);
+                        }) == expected)
+                << "levels " << low << " ... " << high << ", path " << static_cast<int>(path);
+    }
 }
 
 // Up to 32 passes run as one pipeline over row pairs, more over two whole
