@@ -250,16 +250,61 @@ double noise_threshold(const NoiseModel& model, int level) {
 }
 
 // A sample differing from its median m by d is replaced when d exceeds
-// max(relThreshold·m, noiseFactor·T). d is an integer, so that is d >= the
-// returned limit; a limit above 65535 never triggers.
-constexpr int kNeverReplaced = 65536;
-int replacement_limit(const SmfSettings& s, int m, double noise) {
+// max(relThreshold·m, noiseFactor·T). d is an integer, so that is d > the
+// returned tolerance, trunc(threshold). The relative term is never negative,
+// so neither is the threshold; a NaN threshold (degenerate fit) or one of
+// 65535 and above never triggers, which the tolerance 65535 expresses.
+std::uint16_t replacement_tolerance(const SmfSettings& s, int m, double noise) {
     const double relative = s.relThreshold * m;
     const double scaled = s.noiseFactor * noise;
     const double threshold = relative > scaled ? relative : scaled;
-    if (std::isnan(threshold) || threshold >= 65535.0) return kNeverReplaced;
-    if (threshold < 0.0) return 0;
-    return static_cast<int>(threshold) + 1;
+    if (!(threshold < 65535.0)) return 65535;
+    return static_cast<std::uint16_t>(threshold < 0.0 ? 0.0 : threshold);
+}
+
+// Counts the replacements of one row and, given `out`, writes the row's
+// result. Blocks whose medians are all within white (nearly all) look their
+// tolerances up first and then compare and select without a branch, which
+// the compiler turns into vector code; a block with a median above white
+// takes that median's own tolerance, computed in place.
+std::int64_t replace_row(const Sample* m_row, const Sample* v_row, Sample* out, int width, int white,
+                         const std::uint16_t* tolerance, const SmfSettings& s, double noise_at_white) {
+    const auto tolerance_of = [&](Sample m) {
+        return m <= white ? tolerance[m] : replacement_tolerance(s, m, noise_at_white);
+    };
+    constexpr int kBlock = 32;
+    std::int64_t replaced = 0;
+    int c = 0;
+    for (; c + kBlock <= width; c += kBlock) {
+        const Sample* m = m_row + c;
+        const Sample* v = v_row + c;
+        Sample highest = 0;
+        for (int k = 0; k < kBlock; ++k) highest = m[k] > highest ? m[k] : highest;
+        std::uint16_t limit[kBlock];
+        if (highest <= white) {
+            for (int k = 0; k < kBlock; ++k) limit[k] = tolerance[m[k]];
+        } else {
+            for (int k = 0; k < kBlock; ++k) limit[k] = tolerance_of(m[k]);
+        }
+        int block_replaced = 0;
+        for (int k = 0; k < kBlock; ++k) {
+            const Sample difference = v[k] > m[k] ? v[k] - m[k] : m[k] - v[k];
+            block_replaced += difference > limit[k];
+        }
+        replaced += block_replaced;
+        if (out != nullptr)
+            for (int k = 0; k < kBlock; ++k) {
+                const Sample difference = v[k] > m[k] ? v[k] - m[k] : m[k] - v[k];
+                out[c + k] = difference > limit[k] ? m[k] : v[k];
+            }
+    }
+    for (; c < width; ++c) {
+        const Sample difference = v_row[c] > m_row[c] ? v_row[c] - m_row[c] : m_row[c] - v_row[c];
+        const bool replace = difference > tolerance_of(m_row[c]);
+        replaced += replace;
+        if (out != nullptr) out[c] = replace ? m_row[c] : v_row[c];
+    }
+    return replaced;
 }
 
 }  // namespace
@@ -283,12 +328,13 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
     // would be 0 / 0).
     if (height <= 0 || width <= 0) return 0;
 
+    // The result differs from the input only where a sample is replaced by
+    // its median, so no working copy is kept: the replacements are counted
+    // first, and the output is written in a second pass only when the share
+    // is accepted. The input is read, never written, until then, which keeps
+    // in-place calls exact.
     Raster median;
-    Raster copy;
-    if (median.allocate(height, width) != 0 || copy.allocate(height, width) != 0) return kSmfNoRaster;
-    // The input is read, never written, until the result is final, so the
-    // median and the noise statistics come from it directly; the copy
-    // receives the result as the replacement pass produces it.
+    if (median.allocate(height, width) != 0) return kSmfNoRaster;
     median_3x3(src, median.rows(), height, width, isa);
 
     // Without a finished estimation there is no noise model to apply: stop
@@ -297,33 +343,22 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
     if (const int code = estimate_noise(median.rows(), src, height, width, white, settings, &model); code != 0)
         return code;
 
-    // Per-level limits; samples above the white level take the white level's
-    // noise (their relative threshold still uses their own value).
-    ScratchArray<int> limits;
-    if (!limits.allocate(static_cast<std::int64_t>(white) + 1)) return kNoBuffer;
+    // Per-level tolerances; samples above the white level take the white
+    // level's noise (their relative threshold still uses their own value).
+    ScratchArray<std::uint16_t> tolerance;
+    if (!tolerance.allocate(static_cast<std::int64_t>(white) + 1)) return kNoBuffer;
     for (int level = 0; level <= white; ++level)
-        limits[level] = replacement_limit(settings, level, noise_threshold(model, level));
+        tolerance[level] = replacement_tolerance(settings, level, noise_threshold(model, level));
     const double noise_at_white = noise_threshold(model, white);
 
     std::int64_t replaced = 0;
-    for (int r = 0; r < height; ++r) {
-        const Sample* m_row = median[r];
-        const Sample* v_row = src[r];
-        Sample* c_row = copy[r];
-        for (int c = 0; c < width; ++c) {
-            const int m = m_row[c];
-            const int v = v_row[c];
-            const int limit = m <= white ? limits[m] : replacement_limit(settings, m, noise_at_white);
-            const bool replace = std::abs(v - m) >= limit;
-            c_row[c] = static_cast<Sample>(replace ? m : v);
-            replaced += replace;
-        }
-    }
-
+    for (int r = 0; r < height; ++r)
+        replaced += replace_row(median[r], src[r], nullptr, width, white, tolerance.get(), settings, noise_at_white);
     const double percent =
         static_cast<double>(replaced) / static_cast<double>(static_cast<std::int64_t>(height) * width) * 100.0;
     if (!(percent < settings.maxReplacedPercent)) return kSmfRefused;
-    for (int r = 0; r < height; ++r) std::memcpy(dst[r], copy[r], static_cast<std::size_t>(width) * sizeof(Sample));
+    for (int r = 0; r < height; ++r)
+        replace_row(median[r], src[r], dst[r], width, white, tolerance.get(), settings, noise_at_white);
     return 0;
 }
 

@@ -193,9 +193,10 @@ Image graded_noise(int scale, bool impulses) {
     return image;
 }
 
-// The sampling and the quartiles take shortcuts (kept samples marked per
-// level ahead of the image pass, quartiles by counting when the spread is
-// narrow); the output must still be the definition's, sample for sample.
+// The sampling, the quartiles and the replacement take shortcuts (kept
+// samples marked per level ahead of the image pass, quartiles by counting
+// when the spread is narrow, no working copy); the output must still be the
+// definition's, sample for sample.
 // Light salt and pepper is corrected; at 5 % the filter refuses and leaves
 // the output alone.
 TEST(SwitchingMedian, MatchesTheStepByStepDefinition) {
@@ -204,6 +205,11 @@ TEST(SwitchingMedian, MatchesTheStepByStepDefinition) {
         const auto [code, expected] = reference_smf(in, white);
         EXPECT_TRUE(smf(in, white, code) == expected) << "white " << white << " code " << code;
         EXPECT_FALSE(code == 0 && expected == in) << "nothing replaced: the case tests nothing";
+        // The result is written only after every sample has been judged, so
+        // the output may be the input.
+        Image image = in;
+        EXPECT_EQ(run_filter("SMF", image, image, white, nullptr), code);
+        EXPECT_TRUE(image == (code == 0 ? expected : in)) << "in place, white " << white;
     }
 }
 
