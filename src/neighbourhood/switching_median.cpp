@@ -12,6 +12,7 @@
 
 #include "neighbourhood/median.h"
 #include "platform/memory.h"
+#include "platform/vector_targets.h"
 
 namespace krf {
 namespace {
@@ -125,10 +126,88 @@ void mark_kept_occurrences(const LevelStore& store, std::int64_t seen, std::uint
     if ((k & 63) != 0) bits[k >> 6] = word;
 }
 
+// The same walks eight levels at a time, one per lane of double vectors: the
+// same additions and truncations per level, so the same bits. The lanes step
+// through 64 occurrences together, so that each lane's word of bits fills at
+// the same pace; a lane whose walk has ended takes the next level at the end
+// of the block. Each level's chain of additions is as long as before, but
+// eight chains run side by side.
+using LaneDoubles = double __attribute__((vector_size(64)));
+using LaneIntegers = std::int64_t __attribute__((vector_size(64)));
+constexpr int kLanes = 8;
+
+template <int Unused>
+KRF_ALWAYS_INLINE void mark_kept_in_lanes(const LevelStore* stores, const std::int64_t* seen_at_level, int levels,
+                                          std::uint64_t* bits) {
+    LaneDoubles phase = {}, step = {};
+    LaneIntegers truncated = {}, count = {}, capacity = {}, last_slot = {}, remaining = {}, word = {};
+    std::int64_t next_word[kLanes] = {};
+    bool busy[kLanes] = {};
+    int next_level = 0;
+    const auto refill = [&](int lane) {
+        while (next_level < levels && stores[next_level].capacity == 0) ++next_level;
+        busy[lane] = next_level < levels;
+        if (!busy[lane]) {
+            capacity[lane] = 0;  // never active again
+            return;
+        }
+        const LevelStore& store = stores[next_level];
+        phase[lane] = 0.0;
+        step[lane] = store.step;
+        truncated[lane] = 0;
+        count[lane] = 0;
+        capacity[lane] = store.capacity;
+        last_slot[lane] = store.capacity - 1;
+        remaining[lane] = seen_at_level[next_level];
+        next_word[lane] = store.words;
+        ++next_level;
+    };
+    for (int lane = 0; lane < kLanes; ++lane) refill(lane);
+    for (;;) {
+        bool any = false;
+        for (int lane = 0; lane < kLanes; ++lane) any |= busy[lane];
+        if (!any) return;
+        word = LaneIntegers{};
+        LaneIntegers bit = LaneIntegers{} + 1;
+        for (std::int64_t j = 0; j < 64; ++j) {
+            const LaneDoubles next = phase + step;
+            const LaneIntegers next_truncated = __builtin_convertvector(next, LaneIntegers);
+            const LaneIntegers active = (count < capacity) & (j < remaining);
+            const LaneIntegers kept = ((next_truncated != truncated) | (count == last_slot)) & active;
+            count -= kept;
+            word |= kept & bit;
+            bit += bit;
+            phase = next;
+            truncated = next_truncated;
+        }
+        for (int lane = 0; lane < kLanes; ++lane) {
+            if (!busy[lane]) continue;
+            bits[next_word[lane]++] = static_cast<std::uint64_t>(word[lane]);
+            remaining[lane] -= 64;
+            if (remaining[lane] <= 0 || count[lane] >= capacity[lane]) refill(lane);
+        }
+    }
+}
+
+void mark_kept_in_lanes_portable(const LevelStore* stores, const std::int64_t* seen, int levels,
+                                 std::uint64_t* bits) {
+    for (int level = 0; level < levels; ++level)
+        if (stores[level].capacity != 0) mark_kept_occurrences(stores[level], seen[level], bits + stores[level].words);
+}
+KRF_TARGET_AVX2 void mark_kept_in_lanes_avx2(const LevelStore* stores, const std::int64_t* seen, int levels,
+                                             std::uint64_t* bits) {
+    mark_kept_in_lanes<0>(stores, seen, levels, bits);
+}
+__attribute__((target("avx512bw,avx512dq"))) void mark_kept_in_lanes_avx512(const LevelStore* stores,
+                                                                          const std::int64_t* seen, int levels,
+                                                                          std::uint64_t* bits) {
+    mark_kept_in_lanes<0>(stores, seen, levels, bits);
+}
+
 // Measures the noise of `input` around `median` and fits the variance line.
 // Returns 0 or kNoBuffer.
 int estimate_noise(Rows median, Rows input, int height, int width, int white, const SmfSettings& s,
-                   NoiseModel* model) {
+                   MedianIsa isa, NoiseModel* model) {
     const int levels = white + 1;
     const int r0 = static_cast<int>(height * s.marginLow - 1 + 0.5);
     const int r1 = static_cast<int>(s.marginHigh * height + 0.5);
@@ -178,11 +257,11 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
     ScratchArray<std::int32_t> values;
     ScratchArray<std::uint64_t> kept;
     if (!values.allocate(slots) || !kept.allocate(words)) return kNoBuffer;
-    for (int level = 0; level < levels; ++level) {
-        if (stores[level].capacity == 0) continue;
-        mark_kept_occurrences(stores[level], histogram[level], kept.get() + stores[level].words);
-        stores[level].slot = stores[level].first;
-    }
+    const auto mark_kept = isa == MedianIsa::avx512bw ? mark_kept_in_lanes_avx512
+                           : isa == MedianIsa::avx2   ? mark_kept_in_lanes_avx2
+                                                      : mark_kept_in_lanes_portable;
+    mark_kept(stores.get(), histogram.get(), levels, kept.get());
+    for (int level = 0; level < levels; ++level) stores[level].slot = stores[level].first;
 
     for (int r = r0; r < r1; ++r) {
         const Sample* m_row = median[r];
@@ -340,7 +419,7 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
     // Without a finished estimation there is no noise model to apply: stop
     // with the estimation's code.
     NoiseModel model{};
-    if (const int code = estimate_noise(median.rows(), src, height, width, white, settings, &model); code != 0)
+    if (const int code = estimate_noise(median.rows(), src, height, width, white, settings, isa, &model); code != 0)
         return code;
 
     // Per-level tolerances; samples above the white level take the white
