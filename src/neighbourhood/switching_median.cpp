@@ -10,6 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include "neighbourhood/median.h"
 #include "platform/memory.h"
 #include "platform/vector_targets.h"
@@ -126,83 +130,87 @@ void mark_kept_occurrences(const LevelStore& store, std::int64_t seen, std::uint
     if ((k & 63) != 0) bits[k >> 6] = word;
 }
 
-// The same walks eight levels at a time, one per lane of double vectors: the
-// same additions and truncations per level, so the same bits. The lanes step
-// through 64 occurrences together, so that each lane's word of bits fills at
-// the same pace; a lane whose walk has ended takes the next level at the end
-// of the block. Each level's chain of additions is as long as before, but
-// eight chains run side by side.
-using LaneDoubles = double __attribute__((vector_size(64)));
-using LaneIntegers = std::int64_t __attribute__((vector_size(64)));
-constexpr int kLanes = 8;
-
-template <int Unused>
-KRF_ALWAYS_INLINE void mark_kept_in_lanes(const LevelStore* stores, const std::int64_t* seen_at_level, int levels,
-                                          std::uint64_t* bits) {
-    LaneDoubles phase = {}, step = {};
-    LaneIntegers truncated = {}, count = {}, capacity = {}, last_slot = {}, remaining = {}, word = {};
-    std::int64_t next_word[kLanes] = {};
+#if KRF_X86
+// The same walks eight levels at a time, one per lane: the same additions and
+// truncations per level, so the same bits. The phase stays below 2^31 (it
+// ends near the capacity), so truncating it to 32 bits is exact. The lanes
+// step through 64 occurrences together, so that each lane's word of bits
+// fills at the same pace; a lane whose walk has ended takes the next level
+// at the end of the block. Each level's chain of additions is as long as
+// before, but eight chains run side by side.
+__attribute__((target("avx512f,avx512vl"))) void mark_kept_in_lanes_avx512(const LevelStore* stores,
+                                                                         const std::int64_t* seen, int levels,
+                                                                         std::uint64_t* bits) {
+    constexpr int kLanes = 8;
+    alignas(64) double phase[kLanes] = {}, step[kLanes] = {};
+    alignas(32) std::int32_t truncated[kLanes] = {}, count[kLanes] = {}, capacity[kLanes] = {},
+                             in_block[kLanes] = {};
+    alignas(64) std::uint64_t word[kLanes];
+    std::int64_t remaining[kLanes] = {}, next_word[kLanes] = {};
     bool busy[kLanes] = {};
     int next_level = 0;
     const auto refill = [&](int lane) {
         while (next_level < levels && stores[next_level].capacity == 0) ++next_level;
         busy[lane] = next_level < levels;
-        if (!busy[lane]) {
-            capacity[lane] = 0;  // never active again
-            return;
-        }
+        capacity[lane] = 0;  // an idle lane is never active
+        if (!busy[lane]) return;
         const LevelStore& store = stores[next_level];
         phase[lane] = 0.0;
         step[lane] = store.step;
         truncated[lane] = 0;
         count[lane] = 0;
         capacity[lane] = store.capacity;
-        last_slot[lane] = store.capacity - 1;
-        remaining[lane] = seen_at_level[next_level];
+        remaining[lane] = seen[next_level];
         next_word[lane] = store.words;
         ++next_level;
     };
     for (int lane = 0; lane < kLanes; ++lane) refill(lane);
+    const __m256i one = _mm256_set1_epi32(1);
     for (;;) {
         bool any = false;
-        for (int lane = 0; lane < kLanes; ++lane) any |= busy[lane];
-        if (!any) return;
-        word = LaneIntegers{};
-        LaneIntegers bit = LaneIntegers{} + 1;
-        for (std::int64_t j = 0; j < 64; ++j) {
-            const LaneDoubles next = phase + step;
-            const LaneIntegers next_truncated = __builtin_convertvector(next, LaneIntegers);
-            const LaneIntegers active = (count < capacity) & (j < remaining);
-            const LaneIntegers kept = ((next_truncated != truncated) | (count == last_slot)) & active;
-            count -= kept;
-            word |= kept & bit;
-            bit += bit;
-            phase = next;
-            truncated = next_truncated;
+        for (int lane = 0; lane < kLanes; ++lane) {
+            any |= busy[lane];
+            in_block[lane] = static_cast<std::int32_t>(remaining[lane] < 64 ? remaining[lane] : 64);
         }
+        if (!any) return;
+        __m512d phase_v = _mm512_load_pd(phase);
+        const __m512d step_v = _mm512_load_pd(step);
+        __m256i truncated_v = _mm256_load_si256(reinterpret_cast<const __m256i*>(truncated));
+        __m256i count_v = _mm256_load_si256(reinterpret_cast<const __m256i*>(count));
+        const __m256i capacity_v = _mm256_load_si256(reinterpret_cast<const __m256i*>(capacity));
+        const __m256i last_slot_v = _mm256_sub_epi32(capacity_v, one);
+        const __m256i in_block_v = _mm256_load_si256(reinterpret_cast<const __m256i*>(in_block));
+        __m256i j_v = _mm256_setzero_si256();
+        __m512i word_v = _mm512_setzero_si512();
+        __m512i bit_v = _mm512_set1_epi64(1);
+        for (int j = 0; j < 64; ++j) {
+            const __m512d next = _mm512_add_pd(phase_v, step_v);
+            const __m256i next_truncated = _mm512_maskz_cvttpd_epi32(0xFF, next);
+            const __mmask8 active =
+                _mm256_cmplt_epi32_mask(count_v, capacity_v) & _mm256_cmplt_epi32_mask(j_v, in_block_v);
+            const __mmask8 kept = (_mm256_cmpneq_epi32_mask(next_truncated, truncated_v) |
+                                   _mm256_cmpeq_epi32_mask(count_v, last_slot_v)) &
+                                  active;
+            count_v = _mm256_mask_add_epi32(count_v, kept, count_v, one);
+            word_v = _mm512_mask_or_epi64(word_v, kept, word_v, bit_v);
+            bit_v = _mm512_add_epi64(bit_v, bit_v);
+            j_v = _mm256_add_epi32(j_v, one);
+            phase_v = next;
+            truncated_v = next_truncated;
+        }
+        _mm512_store_pd(phase, phase_v);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(truncated), truncated_v);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(count), count_v);
+        _mm512_store_si512(word, word_v);
         for (int lane = 0; lane < kLanes; ++lane) {
             if (!busy[lane]) continue;
-            bits[next_word[lane]++] = static_cast<std::uint64_t>(word[lane]);
+            bits[next_word[lane]++] = word[lane];
             remaining[lane] -= 64;
             if (remaining[lane] <= 0 || count[lane] >= capacity[lane]) refill(lane);
         }
     }
 }
-
-void mark_kept_in_lanes_portable(const LevelStore* stores, const std::int64_t* seen, int levels,
-                                 std::uint64_t* bits) {
-    for (int level = 0; level < levels; ++level)
-        if (stores[level].capacity != 0) mark_kept_occurrences(stores[level], seen[level], bits + stores[level].words);
-}
-KRF_TARGET_AVX2 void mark_kept_in_lanes_avx2(const LevelStore* stores, const std::int64_t* seen, int levels,
-                                             std::uint64_t* bits) {
-    mark_kept_in_lanes<0>(stores, seen, levels, bits);
-}
-__attribute__((target("avx512bw,avx512dq"))) void mark_kept_in_lanes_avx512(const LevelStore* stores,
-                                                                          const std::int64_t* seen, int levels,
-                                                                          std::uint64_t* bits) {
-    mark_kept_in_lanes<0>(stores, seen, levels, bits);
-}
+#endif
 
 // Measures the noise of `input` around `median` and fits the variance line.
 // Returns 0 or kNoBuffer.
@@ -257,10 +265,16 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
     ScratchArray<std::int32_t> values;
     ScratchArray<std::uint64_t> kept;
     if (!values.allocate(slots) || !kept.allocate(words)) return kNoBuffer;
-    const auto mark_kept = isa == MedianIsa::avx512bw ? mark_kept_in_lanes_avx512
-                           : isa == MedianIsa::avx2   ? mark_kept_in_lanes_avx2
-                                                      : mark_kept_in_lanes_portable;
-    mark_kept(stores.get(), histogram.get(), levels, kept.get());
+#if KRF_X86
+    if (isa == MedianIsa::avx512bw) {
+        mark_kept_in_lanes_avx512(stores.get(), histogram.get(), levels, kept.get());
+    } else
+#endif
+    {
+        for (int level = 0; level < levels; ++level)
+            if (stores[level].capacity != 0)
+                mark_kept_occurrences(stores[level], histogram[level], kept.get() + stores[level].words);
+    }
     for (int level = 0; level < levels; ++level) stores[level].slot = stores[level].first;
 
     for (int r = r0; r < r1; ++r) {
