@@ -17,6 +17,7 @@
 #include "neighbourhood/median.h"
 #include "platform/memory.h"
 #include "platform/vector_targets.h"
+#include "tone/tone.h"
 
 namespace krf {
 namespace {
@@ -356,48 +357,59 @@ std::uint16_t replacement_tolerance(const SmfSettings& s, int m, double noise) {
 }
 
 // Counts the replacements of one row and, given `out`, writes the row's
-// result. Blocks whose medians are all within white (nearly all) look their
-// tolerances up first and then compare and select without a branch, which
-// the compiler turns into vector code; a block with a median above white
-// takes that median's own tolerance, computed in place.
-std::int64_t replace_row(const Sample* m_row, const Sample* v_row, Sample* out, int width, int white,
-                         const std::uint16_t* tolerance, const SmfSettings& s, double noise_at_white) {
-    const auto tolerance_of = [&](Sample m) {
-        return m <= white ? tolerance[m] : replacement_tolerance(s, m, noise_at_white);
+// result. `limit` holds the row's tolerances as looked up by the table
+// applier (clamped to white); blocks with a median above white (rare) take
+// that median's own tolerance, computed in place. The comparisons and
+// selections have no branch, and the compiler turns them into vector code.
+KRF_ALWAYS_INLINE std::int64_t replace_row(const Sample* m_row, const Sample* v_row, Sample* out, Sample* limit,
+                                           int width, int white, const SmfSettings& s, double noise_at_white) {
+    const auto fix_above_white = [&](int first, int end) {
+        for (int c = first; c < end; ++c)
+            if (m_row[c] > white) limit[c] = replacement_tolerance(s, m_row[c], noise_at_white);
     };
     constexpr int kBlock = 32;
-    std::int64_t replaced = 0;
+    // Counted per lane across the row and added once at its end: adding up
+    // each block's lanes would cost more than the comparisons.
+    std::uint32_t lane_replaced[kBlock] = {};
     int c = 0;
     for (; c + kBlock <= width; c += kBlock) {
         const Sample* m = m_row + c;
         const Sample* v = v_row + c;
         Sample highest = 0;
         for (int k = 0; k < kBlock; ++k) highest = m[k] > highest ? m[k] : highest;
-        std::uint16_t limit[kBlock];
-        if (highest <= white) {
-            for (int k = 0; k < kBlock; ++k) limit[k] = tolerance[m[k]];
-        } else {
-            for (int k = 0; k < kBlock; ++k) limit[k] = tolerance_of(m[k]);
-        }
-        int block_replaced = 0;
+        if (highest > white) fix_above_white(c, c + kBlock);
         for (int k = 0; k < kBlock; ++k) {
             const Sample difference = v[k] > m[k] ? v[k] - m[k] : m[k] - v[k];
-            block_replaced += difference > limit[k];
+            lane_replaced[k] += difference > limit[c + k];
         }
-        replaced += block_replaced;
         if (out != nullptr)
             for (int k = 0; k < kBlock; ++k) {
                 const Sample difference = v[k] > m[k] ? v[k] - m[k] : m[k] - v[k];
-                out[c + k] = difference > limit[k] ? m[k] : v[k];
+                out[c + k] = difference > limit[c + k] ? m[k] : v[k];
             }
     }
+    std::int64_t replaced = 0;
+    for (int k = 0; k < kBlock; ++k) replaced += lane_replaced[k];
+    fix_above_white(c, width);
     for (; c < width; ++c) {
         const Sample difference = v_row[c] > m_row[c] ? v_row[c] - m_row[c] : m_row[c] - v_row[c];
-        const bool replace = difference > tolerance_of(m_row[c]);
+        const bool replace = difference > limit[c];
         replaced += replace;
         if (out != nullptr) out[c] = replace ? m_row[c] : v_row[c];
     }
     return replaced;
+}
+
+using ReplaceRowKernel = std::int64_t (*)(const Sample*, const Sample*, Sample*, Sample*, int, int,
+                                           const SmfSettings&, double);
+std::int64_t replace_row_portable(const Sample* m_row, const Sample* v_row, Sample* out, Sample* limit, int width,
+                                  int white, const SmfSettings& s, double noise_at_white) {
+    return replace_row(m_row, v_row, out, limit, width, white, s, noise_at_white);
+}
+KRF_TARGET_AVX512BW std::int64_t replace_row_avx512(const Sample* m_row, const Sample* v_row, Sample* out,
+                                                    Sample* limit, int width, int white, const SmfSettings& s,
+                                                    double noise_at_white) {
+    return replace_row(m_row, v_row, out, limit, width, white, s, noise_at_white);
 }
 
 }  // namespace
@@ -438,20 +450,26 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
 
     // Per-level tolerances; samples above the white level take the white
     // level's noise (their relative threshold still uses their own value).
-    ScratchArray<std::uint16_t> tolerance;
-    if (!tolerance.allocate(static_cast<std::int64_t>(white) + 1)) return kNoBuffer;
+    ScratchArray<Sample> tolerance;
+    ScratchArray<Sample> limit;
+    if (!tolerance.allocate(static_cast<std::int64_t>(white) + 1) || !limit.allocate(width)) return kNoBuffer;
     for (int level = 0; level <= white; ++level)
         tolerance[level] = replacement_tolerance(settings, level, noise_threshold(model, level));
     const double noise_at_white = noise_threshold(model, white);
 
+    const tone::TableRowKernel look_up = isa == MedianIsa::portable ? tone::apply_table_row_portable
+                                                                     : tone::active_table_row_kernel();
+    const ReplaceRowKernel replace_row = isa == MedianIsa::avx512bw ? replace_row_avx512 : replace_row_portable;
+    const auto row_replacements = [&](int r, Sample* out) {
+        look_up(median[r], limit.get(), width, static_cast<Sample>(white), tolerance.get());
+        return replace_row(median[r], src[r], out, limit.get(), width, white, settings, noise_at_white);
+    };
     std::int64_t replaced = 0;
-    for (int r = 0; r < height; ++r)
-        replaced += replace_row(median[r], src[r], nullptr, width, white, tolerance.get(), settings, noise_at_white);
+    for (int r = 0; r < height; ++r) replaced += row_replacements(r, nullptr);
     const double percent =
         static_cast<double>(replaced) / static_cast<double>(static_cast<std::int64_t>(height) * width) * 100.0;
     if (!(percent < settings.maxReplacedPercent)) return kSmfRefused;
-    for (int r = 0; r < height; ++r)
-        replace_row(median[r], src[r], dst[r], width, white, tolerance.get(), settings, noise_at_white);
+    for (int r = 0; r < height; ++r) row_replacements(r, dst[r]);
     return 0;
 }
 
