@@ -23,16 +23,12 @@ namespace krf {
 namespace {
 
 // The noise samples of one grey level: at most `capacity` of the level's
-// central-region samples, spread evenly over the region by a phase walk,
-// and where the sampling pass stands at that level, in one record so that a
-// sample touches one place of bookkeeping.
+// central-region samples, spread evenly over the region by a phase walk.
 struct LevelStore {
-    double step;               // capacity / samples at this level
-    std::int64_t words;        // first word of the level's kept-occurrence bits
-    std::int64_t occurrence;   // the level's occurrences seen so far in scan order
-    std::int32_t capacity;     // 0 when the level is not analysed
-    std::int32_t first;        // first slot of the level's values
-    std::int32_t slot;         // where the next kept value goes
+    double step;             // capacity / samples at this level
+    std::int64_t words;      // first word of the level's kept-occurrence bits
+    std::int32_t capacity;   // 0 when the level is not analysed
+    std::int32_t first;      // first slot of the level's values
 };
 
 // The k-th smallest (1-based) of a[0 .. n), by Hoare-partition selection. The
@@ -276,22 +272,36 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
             if (stores[level].capacity != 0)
                 mark_kept_occurrences(stores[level], histogram[level], kept.get() + stores[level].words);
     }
-    for (int level = 0; level < levels; ++level) stores[level].slot = stores[level].first;
 
+    // What the pass over the samples reads and writes per level, 16 bytes
+    // apart: the bit of the level's next occurrence and its next slot (-1
+    // when the level is not analysed). Neighbouring samples touch many
+    // levels, and the whole level record would spread them over more cache
+    // lines.
+    struct Cursor {
+        std::int64_t bit;
+        std::int64_t slot;
+    };
+    ScratchArray<Cursor> cursors;
+    if (!cursors.allocate(levels)) return kNoBuffer;
+    for (int level = 0; level < levels; ++level) {
+        const LevelStore& store = stores[level];
+        cursors[level] = store.capacity == 0 ? Cursor{0, -1} : Cursor{store.words * 64, store.first};
+    }
     for (int r = r0; r < r1; ++r) {
         const Sample* m_row = median[r];
         const Sample* v_row = input[r];
         for (int c = c0; c < c1; ++c) {
             const int level = level_of(m_row[c]);
-            LevelStore& store = stores[level];
-            if (store.capacity == 0) continue;
-            const std::int64_t k = store.occurrence++;
+            Cursor& cursor = cursors[level];
+            if (cursor.slot < 0) continue;
+            const std::int64_t k = cursor.bit++;
             // Written either way, without a branch: a value not kept writes 0
             // to the slot the next kept value takes, so slots never filled
             // stay 0.
-            const auto keep = static_cast<std::int32_t>((kept[store.words + (k >> 6)] >> (k & 63)) & 1);
-            values[store.slot] = keep * (static_cast<int>(v_row[c]) - static_cast<int>(m_row[c]));
-            store.slot += keep;
+            const auto keep = static_cast<std::int32_t>((kept[k >> 6] >> (k & 63)) & 1);
+            values[cursor.slot] = keep * (static_cast<int>(v_row[c]) - static_cast<int>(m_row[c]));
+            cursor.slot += keep;
         }
     }
 
