@@ -26,7 +26,7 @@ namespace {
 // central-region samples, spread evenly over the region by a phase walk.
 struct LevelStore {
     double step;             // capacity / samples at this level
-    std::int64_t words;      // first word of the level's kept-occurrence bits
+    std::int64_t words;      // first word of the level's kept-occurrence bits, then the next to read
     std::int32_t capacity;   // 0 when the level is not analysed
     std::int32_t first;      // first slot of the level's values
 };
@@ -262,7 +262,7 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
     // level itself and the noise difference is the value less the level.
     ScratchArray<Sample> values;
     ScratchArray<std::uint64_t> kept;
-    if (!values.allocate(slots) || !kept.allocate(words)) return kNoBuffer;
+    if (!values.allocate(slots) || !kept.allocate(words + 1)) return kNoBuffer;
 #if KRF_X86
     if (isa == MedianIsa::avx512bw) {
         mark_kept_in_lanes_avx512(stores.get(), histogram.get(), levels, kept.get());
@@ -275,19 +275,21 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
     }
 
     // What the pass over the samples reads and writes per level, 16 bytes
-    // apart: the bit of the level's next occurrence and its next slot (-1
-    // when the level is not analysed). Neighbouring samples touch many
-    // levels, and the whole level record would spread them over more cache
-    // lines.
+    // apart: the kept-bits of the level's next occurrences (the rest of the
+    // current word), how many of them are left, and the next slot (-1 when
+    // the level is not analysed). Neighbouring samples touch many levels, and
+    // the level record plus a separate word of bits would spread them over
+    // more cache lines.
     struct Cursor {
-        std::int64_t bit;
-        std::int64_t slot;
+        std::uint64_t bits;
+        std::int32_t left;
+        std::int32_t slot;
     };
     ScratchArray<Cursor> cursors;
     if (!cursors.allocate(levels)) return kNoBuffer;
     for (int level = 0; level < levels; ++level) {
-        const LevelStore& store = stores[level];
-        cursors[level] = store.capacity == 0 ? Cursor{0, -1} : Cursor{store.words * 64, store.first};
+        LevelStore& store = stores[level];
+        cursors[level] = store.capacity == 0 ? Cursor{0, 0, -1} : Cursor{kept[store.words++], 64, store.first};
     }
     for (int r = r0; r < r1; ++r) {
         const Sample* m_row = median[r];
@@ -296,12 +298,15 @@ int estimate_noise(Rows median, Rows input, int height, int width, int white, co
             const int level = level_of(m_row[c]);
             Cursor& cursor = cursors[level];
             if (cursor.slot < 0) continue;
-            const std::int64_t k = cursor.bit++;
             // Written either way, without a branch: a value not kept is
             // overwritten by the next kept one, or lies past the level's
             // filled slots.
             values[cursor.slot] = v_row[c];
-            cursor.slot += static_cast<std::int64_t>((kept[k >> 6] >> (k & 63)) & 1);
+            cursor.slot += static_cast<std::int32_t>(cursor.bits & 1);
+            cursor.bits >>= 1;
+            // The word after a level's last one may be read (one word is
+            // spare at the end), never used.
+            if (--cursor.left == 0) cursor = Cursor{kept[stores[level].words++], 64, cursor.slot};
         }
     }
 
