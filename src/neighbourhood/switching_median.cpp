@@ -5,6 +5,7 @@
 // multiple of the modelled noise are replaced by that median. If that would
 // touch too many samples the image is not impulse-noise-like and the filter
 // refuses, leaving the output alone.
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -378,61 +379,94 @@ std::uint16_t replacement_tolerance(const SmfSettings& s, int m, double noise) {
     return static_cast<std::uint16_t>(threshold < 0.0 ? 0.0 : threshold);
 }
 
-// Counts the replacements of one row and, given `out`, writes the row's
-// result. `limit` holds the row's tolerances as looked up by the table
-// applier (clamped to white); blocks with a median above white (rare) take
-// that median's own tolerance, computed in place. The comparisons and
-// selections have no branch, and the compiler turns them into vector code.
-KRF_ALWAYS_INLINE std::int64_t replace_row(const Sample* m_row, const Sample* v_row, Sample* out, Sample* limit,
-                                           int width, int white, const SmfSettings& s, double noise_at_white) {
-    const auto fix_above_white = [&](int first, int end) {
-        for (int c = first; c < end; ++c)
-            if (m_row[c] > white) limit[c] = replacement_tolerance(s, m_row[c], noise_at_white);
-    };
-    constexpr int kBlock = 32;
-    // Counted per lane across the row and added once at its end: adding up
-    // each block's lanes would cost more than the comparisons.
-    std::uint32_t lane_replaced[kBlock] = {};
-    int c = 0;
-    for (; c + kBlock <= width; c += kBlock) {
-        const Sample* m = m_row + c;
-        const Sample* v = v_row + c;
-        Sample highest = 0;
-        for (int k = 0; k < kBlock; ++k) highest = m[k] > highest ? m[k] : highest;
-        if (highest > white) fix_above_white(c, c + kBlock);
-        for (int k = 0; k < kBlock; ++k) {
-            const Sample difference = v[k] > m[k] ? v[k] - m[k] : m[k] - v[k];
-            lane_replaced[k] += difference > limit[c + k];
-        }
-        if (out != nullptr)
-            for (int k = 0; k < kBlock; ++k) {
-                const Sample difference = v[k] > m[k] ? v[k] - m[k] : m[k] - v[k];
-                out[c + k] = difference > limit[c + k] ? m[k] : v[k];
-            }
-    }
-    std::int64_t replaced = 0;
-    for (int k = 0; k < kBlock; ++k) replaced += lane_replaced[k];
-    fix_above_white(c, width);
-    for (; c < width; ++c) {
-        const Sample difference = v_row[c] > m_row[c] ? v_row[c] - m_row[c] : m_row[c] - v_row[c];
-        const bool replace = difference > limit[c];
-        replaced += replace;
-        if (out != nullptr) out[c] = replace ? m_row[c] : v_row[c];
-    }
-    return replaced;
+// The judgement of one row: bit k of word j of `replaced` is set when sample
+// 32 j + k is to be replaced by its median. `limit` holds the row's
+// tolerances as looked up by the table applier (clamped to white); medians
+// above white (rare) take their own tolerance, computed in place. Returns
+// the row's number of replacements.
+struct RowJudgement {
+    const Sample* median;
+    const Sample* value;
+    Sample* limit;
+    int width;
+    int white;
+    const SmfSettings* settings;
+    double noise_at_white;
+};
+
+void fix_tolerances_above_white(const RowJudgement& row, int first, int end) {
+    for (int c = first; c < end; ++c)
+        if (row.median[c] > row.white)
+            row.limit[c] = replacement_tolerance(*row.settings, row.median[c], row.noise_at_white);
 }
 
-using ReplaceRowKernel = std::int64_t (*)(const Sample*, const Sample*, Sample*, Sample*, int, int,
-                                           const SmfSettings&, double);
-std::int64_t replace_row_portable(const Sample* m_row, const Sample* v_row, Sample* out, Sample* limit, int width,
-                                  int white, const SmfSettings& s, double noise_at_white) {
-    return replace_row(m_row, v_row, out, limit, width, white, s, noise_at_white);
+// Samples [first, width) of the row, word by word from first (a multiple of 32).
+std::int64_t judge_samples_portable(const RowJudgement& row, int first, std::uint32_t* replaced) {
+    fix_tolerances_above_white(row, first, row.width);
+    std::int64_t count = 0;
+    for (int c = first; c < row.width; c += 32) {
+        const int end = c + 32 < row.width ? c + 32 : row.width;
+        std::uint32_t word = 0;
+        for (int k = c; k < end; ++k) {
+            const Sample m = row.median[k], v = row.value[k];
+            const Sample difference = v > m ? v - m : m - v;
+            word |= static_cast<std::uint32_t>(difference > row.limit[k]) << (k - c);
+        }
+        replaced[c / 32] = word;
+        count += std::popcount(word);
+    }
+    return count;
 }
-KRF_TARGET_AVX512BW std::int64_t replace_row_avx512(const Sample* m_row, const Sample* v_row, Sample* out,
-                                                    Sample* limit, int width, int white, const SmfSettings& s,
-                                                    double noise_at_white) {
-    return replace_row(m_row, v_row, out, limit, width, white, s, noise_at_white);
+
+// out = median where the bit is set, the value elsewhere, from sample `first`.
+void select_samples_portable(const Sample* median, const Sample* value, Sample* out, int first, int width,
+                             const std::uint32_t* replaced) {
+    for (int c = first; c < width; ++c) out[c] = (replaced[c / 32] >> (c % 32)) & 1 ? median[c] : value[c];
 }
+
+using JudgeRowKernel = std::int64_t (*)(const RowJudgement&, std::uint32_t*);
+using SelectRowKernel = void (*)(const Sample*, const Sample*, Sample*, int, const std::uint32_t*);
+
+std::int64_t judge_row_portable(const RowJudgement& row, std::uint32_t* replaced) {
+    return judge_samples_portable(row, 0, replaced);
+}
+void select_row_portable(const Sample* median, const Sample* value, Sample* out, int width,
+                         const std::uint32_t* replaced) {
+    select_samples_portable(median, value, out, 0, width, replaced);
+}
+
+#if KRF_X86
+// 32 samples per step: the comparison's mask register is the word of bits.
+__attribute__((target("avx512bw,avx512vl"))) std::int64_t judge_row_avx512(const RowJudgement& row,
+                                                                         std::uint32_t* replaced) {
+    const __m512i white = _mm512_set1_epi16(static_cast<short>(row.white));
+    std::int64_t count = 0;
+    int c = 0;
+    for (; c + 32 <= row.width; c += 32) {
+        const __m512i m = _mm512_loadu_si512(row.median + c);
+        const __m512i v = _mm512_loadu_si512(row.value + c);
+        if (_mm512_cmpgt_epu16_mask(m, white) != 0) fix_tolerances_above_white(row, c, c + 32);
+        const __m512i difference = _mm512_sub_epi16(_mm512_max_epu16(m, v), _mm512_min_epu16(m, v));
+        const __mmask32 word = _mm512_cmpgt_epu16_mask(difference, _mm512_loadu_si512(row.limit + c));
+        replaced[c / 32] = word;
+        count += std::popcount(static_cast<std::uint32_t>(word));
+    }
+    return count + judge_samples_portable(row, c, replaced);
+}
+
+__attribute__((target("avx512bw,avx512vl"))) void select_row_avx512(const Sample* median, const Sample* value,
+                                                                  Sample* out, int width,
+                                                                  const std::uint32_t* replaced) {
+    int c = 0;
+    for (; c + 32 <= width; c += 32) {
+        // Both are read before the output is written, so in-place calls stay exact.
+        const __m512i m = _mm512_loadu_si512(median + c);
+        const __m512i v = _mm512_loadu_si512(value + c);
+        _mm512_storeu_si512(out + c, _mm512_mask_blend_epi16(replaced[c / 32], v, m));
+    }
+    select_samples_portable(median, value, out, c, width, replaced);
+}
+#endif
 
 }  // namespace
 
@@ -479,19 +513,31 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
         tolerance[level] = replacement_tolerance(settings, level, noise_threshold(model, level));
     const double noise_at_white = noise_threshold(model, white);
 
+    // One bit per sample says whether it is replaced: the judgement is made
+    // once, in the counting pass, and the writing pass only selects.
+    const std::int64_t words_per_row = (static_cast<std::int64_t>(width) + 31) / 32;
+    ScratchArray<std::uint32_t> replaced_bits;
+    if (!replaced_bits.allocate(words_per_row * height)) return kNoBuffer;
     const tone::TableRowKernel look_up = isa == MedianIsa::portable ? tone::apply_table_row_portable
                                                                      : tone::active_table_row_kernel();
-    const ReplaceRowKernel replace_row = isa == MedianIsa::avx512bw ? replace_row_avx512 : replace_row_portable;
-    const auto row_replacements = [&](int r, Sample* out) {
-        look_up(median[r], limit.get(), width, static_cast<Sample>(white), tolerance.get());
-        return replace_row(median[r], src[r], out, limit.get(), width, white, settings, noise_at_white);
-    };
+    JudgeRowKernel judge_row = judge_row_portable;
+    SelectRowKernel select_row = select_row_portable;
+#if KRF_X86
+    if (isa == MedianIsa::avx512bw) {
+        judge_row = judge_row_avx512;
+        select_row = select_row_avx512;
+    }
+#endif
     std::int64_t replaced = 0;
-    for (int r = 0; r < height; ++r) replaced += row_replacements(r, nullptr);
+    for (int r = 0; r < height; ++r) {
+        look_up(median[r], limit.get(), width, static_cast<Sample>(white), tolerance.get());
+        const RowJudgement row{median[r], src[r], limit.get(), width, white, &settings, noise_at_white};
+        replaced += judge_row(row, replaced_bits.get() + r * words_per_row);
+    }
     const double percent =
         static_cast<double>(replaced) / static_cast<double>(static_cast<std::int64_t>(height) * width) * 100.0;
     if (!(percent < settings.maxReplacedPercent)) return kSmfRefused;
-    for (int r = 0; r < height; ++r) row_replacements(r, dst[r]);
+    for (int r = 0; r < height; ++r) select_row(median[r], src[r], dst[r], width, replaced_bits.get() + r * words_per_row);
     return 0;
 }
 
