@@ -68,6 +68,28 @@ TEST(Median2D, MatchesBruteForceMedianForEveryWindowAndValueRange) {
     }
 }
 
+// From 25 × 25 on, images of at most 4096 grey levels take per-column counts
+// in buckets of 64 levels, in stripes of columns: windows across stripe
+// edges, levels counted from a darkest level far from 0, a median that
+// crosses buckets (a ramp), and every vector width.
+TEST(Median2D, BucketedWindowsMatchBruteForceAcrossStripes) {
+    for (const int n : {25, 31}) {
+        const Image noise = values_image(n + 6, 190, Values::twelve_bit, n);
+        Image shifted_ramp = noise;
+        for (int r = 0; r < shifted_ramp.height(); ++r)
+            for (int c = 0; c < shifted_ramp.width(); ++c)
+                shifted_ramp.at(r, c) = static_cast<Sample>(30000 + c * 20 + noise.at(r, c) % 200);
+        for (const Image& in : {noise, shifted_ramp}) {
+            const Image expected = expected_median(in, n);
+            for (const MedianIsa isa : {MedianIsa::portable, MedianIsa::avx2, MedianIsa::avx512bw}) {
+                if (!median_isa_available(isa)) continue;
+                const auto run = [&](Rows s, Rows d) { return median_2d(s, d, in.height(), in.width(), n, isa); };
+                EXPECT_TRUE(output_of(in, run) == expected) << "n " << n << " path " << static_cast<int>(isa);
+            }
+        }
+    }
+}
+
 TEST(Median2D, SideRulesWindowsLargerThanTheImageAndAllocationFailures) {
     const Image in = values_image(20, 24, Values::twelve_bit, 9);
     for (const int even : {2, 4, 6}) EXPECT_TRUE(median2d(in, even) == expected_median(in, even + 1)) << even;
