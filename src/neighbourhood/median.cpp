@@ -485,10 +485,12 @@ struct WindowCounts {
 // `bin`; 16-bit wrap-around is harmless since every true count fits.
 KRF_ALWAYS_INLINE int move_counts(std::uint16_t* to, const std::uint8_t* plus, const std::uint8_t* minus,
                                   int bin) {
-    int change_below = 0;
+    // 16-bit lanes throughout: a change lies within ±255 and the 64 of them
+    // within ±16320.
+    std::int16_t change_below = 0;
     for (int i = 0; i < 64; ++i) {
-        const int change = plus[i] - minus[i];
-        change_below += i < bin ? change : 0;
+        const auto change = static_cast<std::int16_t>(plus[i] - minus[i]);
+        change_below = static_cast<std::int16_t>(change_below + (i < bin ? change : 0));
         to[i] = static_cast<std::uint16_t>(to[i] + change);
     }
     return change_below;
