@@ -624,16 +624,14 @@ std::pair<int, int> range_of(Rows src, int height, int width) {
 int median_large(Rows src, Rows dst, int height, int width, int n, MedianIsa isa) {
     // The working memory does not grow with the window, so no side, however
     // large (n·n overflows 32 bits from n = 46341), asks for an absurd
-    // buffer; a window that does not fit the image leaves a copy of it.
+    // buffer; a window that does not fit the image leaves a copy of it (after
+    // the same allocations as any other window, so that running short of
+    // memory answers the same whatever the window).
     const int h = (n - 1) / 2;
     const bool window_fits = 2 * static_cast<std::int64_t>(h) < height && 2 * static_cast<std::int64_t>(h) < width;
     Raster scratch;
-    if (!window_fits) {
-        copy_median_frame(src, dst, height, width, h);
-        return 0;
-    }
-    const auto [darkest, brightest] = range_of(src, height, width);
-    if (n >= kMinBucketedSide && n <= kMaxBucketedSide && brightest - darkest < kBucketedLevels) {
+    const auto [darkest, brightest] = window_fits ? range_of(src, height, width) : std::pair{0, 65535};
+    if (window_fits && n >= kMinBucketedSide && n <= kMaxBucketedSide && brightest - darkest < kBucketedLevels) {
         const int columns = stripe_width(h) + 2 * h;
         ScratchArray<std::uint8_t> bucket_counts;
         ScratchArray<std::uint8_t> level_counts;
@@ -653,6 +651,10 @@ int median_large(Rows src, Rows dst, int height, int width, int n, MedianIsa isa
         ScratchArray<std::uint64_t> wide;
         if (!(wide_counts ? wide.allocate(kLevels + kBlocks) : narrow.allocate(kLevels + kBlocks))) return kNoBuffer;
         if (const int code = scratch.allocate(height, width); code != 0) return code;
+        if (!window_fits) {
+            copy_median_frame(src, dst, height, width, h);
+            return 0;
+        }
         // Block counts cost a second counter update per sample and pay only
         // when the median walks far between neighbouring windows: when the
         // image's grey levels are many for the window's samples (random
