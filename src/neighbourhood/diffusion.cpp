@@ -52,12 +52,21 @@ struct DiffusionRows {
     const Sample* down;
 };
 
+// The south flux of a pair's lower row is minus the north flux of the next
+// pair's upper row. A kernel may keep it here, one double per column, and
+// read it back for the next pair of the same pass (`filled` is false for the
+// first pair); kernels that do not use it leave it alone.
+struct CarriedFlux {
+    double* south;
+    bool filled;
+};
+
 // Interior columns first ... last - 1 of two neighbouring rows.
 using DiffusionRowPair = void (*)(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first, int last,
-                                  const double* flux, double lambda);
+                                  const double* flux, double lambda, CarriedFlux carried);
 
 void diffuse_row_pair_portable(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first, int last,
-                               const double* flux, double lambda) {
+                               const double* flux, double lambda, CarriedFlux) {
     diffuse_row_plain(in.up, in.top, in.bottom, out_top, first, last, flux, lambda);
     diffuse_row_plain(in.top, in.bottom, in.down, out_bottom, first, last, flux, lambda);
 }
@@ -141,7 +150,7 @@ KRF_TARGET_AVX2 bool diffusion_pass_avx2(Rows from, Rows to, int height, int wid
 }
 
 KRF_TARGET_AVX2 void diffuse_row_pair_avx2(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first,
-                                           int last, const double* flux, double lambda) {
+                                           int last, const double* flux, double lambda, CarriedFlux) {
     diffuse_row_pair_avx2_changed(in, out_top, out_bottom, first, last, flux, lambda);
 }
 
@@ -164,7 +173,7 @@ KRF_AVX512_INLINE __m256i update8(__m512d south, __m512d north, __m512d east, __
 
 // The flux of the 32 differences -16 ... 15 in four registers: neighbours in
 // smooth regions differ by little (on the real radiograph 92 % of the kernel's
-// steps have all 40 differences in that range), and then a look-up is two
+// steps had all their differences in that range), and then a look-up is two
 // in-register permutes and a blend instead of eight loads and their shuffles.
 // The entries are the table's own doubles, so the sums are the same. A range
 // of 64 needs four permutes and measured slower; so did choosing per look-up.
@@ -199,12 +208,16 @@ KRF_AVX512_INLINE bool all_near(__m256i a, __m256i b, __m256i c, __m256i d, __m2
 // Eight flux entries of any differences; scalar loads, as in lookup4, beat the
 // gather instruction.
 KRF_AVX512_INLINE __m512d lookup8(const double* flux, __m256i difference) {
-    alignas(32) std::int32_t i[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(i), difference);
-    const __m128d p01 = _mm_loadh_pd(_mm_load_sd(flux + i[0]), flux + i[1]);
-    const __m128d p23 = _mm_loadh_pd(_mm_load_sd(flux + i[2]), flux + i[3]);
-    const __m128d p45 = _mm_loadh_pd(_mm_load_sd(flux + i[4]), flux + i[5]);
-    const __m128d p67 = _mm_loadh_pd(_mm_load_sd(flux + i[6]), flux + i[7]);
+    // Two indexes per 64-bit extraction: the low one sign-extended, the high
+    // one shifted down arithmetically.
+    const __m128i low_half = _mm256_castsi256_si128(difference);
+    const __m128i high_half = _mm256_extracti128_si256(difference, 1);
+    const std::int64_t i01 = _mm_cvtsi128_si64(low_half), i23 = _mm_extract_epi64(low_half, 1);
+    const std::int64_t i45 = _mm_cvtsi128_si64(high_half), i67 = _mm_extract_epi64(high_half, 1);
+    const auto pair = [flux](std::int64_t two) KRF_INLINE_LAMBDA {
+        return _mm_loadh_pd(_mm_load_sd(flux + static_cast<std::int32_t>(two)), flux + (two >> 32));
+    };
+    const __m128d p01 = pair(i01), p23 = pair(i23), p45 = pair(i45), p67 = pair(i67);
     const __m256d low = _mm256_insertf128_pd(_mm256_castpd128_pd256(p01), p23, 1);
     const __m256d high = _mm256_insertf128_pd(_mm256_castpd128_pd256(p45), p67, 1);
     return _mm512_insertf64x4(_mm512_castpd256_pd512(low), high, 1);
@@ -212,9 +225,12 @@ KRF_AVX512_INLINE __m512d lookup8(const double* flux, __m256i difference) {
 
 // The AVX2 pair kernel's scheme eight columns wide: the same lookups shared
 // between neighbours and the same sums in the same order, so the same samples.
-__attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx512(
+// The north flux of the upper row comes negated from the pair above when it
+// is carried, which leaves four look-ups for sixteen samples instead of five.
+template <bool north_carried>
+__attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx512_carrying(
     const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first, int last, const double* flux,
-    double lambda) {
+    double lambda, double* carried_south) {
     const __m512d lambda_v = _mm512_set1_pd(lambda);
     // Lanes [previous[7], current[0], ..., current[6]]: the east flux one column to the left.
     const __m512i shift = _mm512_setr_epi64(15, 0, 1, 2, 3, 4, 5, 6);
@@ -226,20 +242,20 @@ __attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx5
         const __m256i top = eight_samples(in.top + c);
         const __m256i bottom = eight_samples(in.bottom + c);
         const __m256i d_between = _mm256_sub_epi32(bottom, top);
-        const __m256i d_north = _mm256_sub_epi32(eight_samples(in.up + c), top);
+        const __m256i d_north = north_carried ? d_between : _mm256_sub_epi32(eight_samples(in.up + c), top);
         const __m256i d_south = _mm256_sub_epi32(eight_samples(in.down + c), bottom);
         const __m256i d_east_top = _mm256_sub_epi32(eight_samples(in.top + c + 1), top);
         const __m256i d_east_bottom = _mm256_sub_epi32(eight_samples(in.bottom + c + 1), bottom);
         __m512d between, north_top, south_bottom, east_top, east_bottom;
         if (all_near(d_between, d_north, d_south, d_east_top, d_east_bottom)) {
             between = near_lookup8(near, d_between);
-            north_top = near_lookup8(near, d_north);
+            north_top = north_carried ? negate8(_mm512_loadu_pd(carried_south + c)) : near_lookup8(near, d_north);
             south_bottom = near_lookup8(near, d_south);
             east_top = near_lookup8(near, d_east_top);
             east_bottom = near_lookup8(near, d_east_bottom);
         } else {
             between = lookup8(flux, d_between);
-            north_top = lookup8(flux, d_north);
+            north_top = north_carried ? negate8(_mm512_loadu_pd(carried_south + c)) : lookup8(flux, d_north);
             south_bottom = lookup8(flux, d_south);
             east_top = lookup8(flux, d_east_top);
             east_bottom = lookup8(flux, d_east_bottom);
@@ -248,6 +264,7 @@ __attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx5
         const __m512d west_bottom = negate8(_mm512_permutex2var_pd(east_bottom, shift, east_bottom_before));
         east_top_before = east_top;
         east_bottom_before = east_bottom;
+        _mm512_storeu_pd(carried_south + c, south_bottom);
         const __m256i new_top = update8(between, north_top, east_top, west_top, top, lambda_v);
         const __m256i new_bottom = update8(south_bottom, negate8(between), east_bottom, west_bottom, bottom, lambda_v);
         // Both rows' eight samples narrowed to 16 bits: top in the low half.
@@ -256,6 +273,15 @@ __attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx5
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out_bottom + c), _mm256_extracti128_si256(values, 1));
     }
     if (c < last) diffuse_row_pair_avx2_changed(in, out_top, out_bottom, c, last, flux, lambda);
+}
+
+void diffuse_row_pair_avx512(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first, int last,
+                             const double* flux, double lambda, CarriedFlux carried) {
+    if (carried.filled) {
+        diffuse_row_pair_avx512_carrying<true>(in, out_top, out_bottom, first, last, flux, lambda, carried.south);
+    } else {
+        diffuse_row_pair_avx512_carrying<false>(in, out_top, out_bottom, first, last, flux, lambda, carried.south);
+    }
 }
 #endif
 
@@ -283,6 +309,8 @@ public:
         // the first and last column of every row.
         if (!store_.allocate((passes + 1) * ring_samples + 2 * std::int64_t{width} + 2 * std::int64_t{height}))
             return kNoBuffer;
+        // One row of carried south fluxes per pass.
+        if (!carried_.allocate(std::int64_t{passes} * width)) return kNoBuffer;
         rings_ = store_.get();
         ring_samples_ = ring_samples;
         first_row_ = rings_ + (passes + 1) * ring_samples;
@@ -319,7 +347,8 @@ public:
                 const DiffusionRows in{row(level - 1, top - 1), row(level - 1, top), row(level - 1, top + 1),
                                        both ? row(level - 1, top + 2) : nullptr};
                 if (both) {
-                    pair(in, out_top, out_bottom, 1, width - 1, flux, lambda);
+                    const CarriedFlux carried{carried_.get() + std::int64_t{level - 1} * width, j > 0};
+                    pair(in, out_top, out_bottom, 1, width - 1, flux, lambda, carried);
                 } else {
                     diffuse_row_plain(in.up, in.top, in.bottom, out_top, 1, width - 1, flux, lambda);
                 }
@@ -348,6 +377,7 @@ private:
     }
 
     ScratchArray<Sample> store_;
+    ScratchArray<double> carried_;
     Sample* rings_ = nullptr;
     std::int64_t ring_samples_ = 0;
     Sample* first_row_ = nullptr;
