@@ -238,6 +238,7 @@ __attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx5
     __m512d east_top_before = _mm512_set1_pd(flux[in.top[first] - in.top[first - 1]]);
     __m512d east_bottom_before = _mm512_set1_pd(flux[in.bottom[first] - in.bottom[first - 1]]);
     int c = first;
+    int unchecked = 0;
     for (; c + 8 <= last; c += 8) {
         const __m256i top = eight_samples(in.top + c);
         const __m256i bottom = eight_samples(in.bottom + c);
@@ -247,7 +248,11 @@ __attribute__((target("avx512bw,avx512vl,avx512dq"))) void diffuse_row_pair_avx5
         const __m256i d_east_top = _mm256_sub_epi32(eight_samples(in.top + c + 1), top);
         const __m256i d_east_bottom = _mm256_sub_epi32(eight_samples(in.bottom + c + 1), bottom);
         __m512d between, north_top, south_bottom, east_top, east_bottom;
-        if (all_near(d_between, d_north, d_south, d_east_top, d_east_bottom)) {
+        // Where the look-ups go to the table, the next steps usually do as
+        // well: after a failed test the next three steps skip it.
+        const bool near_step = unchecked == 0 && all_near(d_between, d_north, d_south, d_east_top, d_east_bottom);
+        if (!near_step) unchecked = unchecked == 0 ? 3 : unchecked - 1;
+        if (near_step) {
             between = near_lookup8(near, d_between);
             north_top = north_carried ? negate8(_mm512_loadu_pd(carried_south + c)) : near_lookup8(near, d_north);
             south_bottom = near_lookup8(near, d_south);
