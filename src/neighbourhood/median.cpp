@@ -14,10 +14,6 @@
 #include <cstring>
 #include <utility>
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#endif
-
 #include "neighbourhood/median_lanes.h"
 #include "platform/memory.h"
 #include "platform/platform.h"
@@ -56,7 +52,7 @@ void copy_samples(Sample* dst, const Sample* src, std::int64_t count) {
 // maximum). The portable and AVX2 kernels redo the three column sorts in
 // registers for every vector of outputs: sharing them through a buffer, or
 // between two output rows, measured slower. The AVX-512 kernel shares them
-// between neighbouring windows with permutes, which measured faster (below).
+// between neighbouring windows with shuffles, which measured faster (below).
 
 template <class V>
 KRF_ALWAYS_INLINE V median_3x3_at(const Sample* up, const Sample* mid, const Sample* down) {
@@ -87,61 +83,59 @@ void median_3x3_row_portable(const Sample* u, const Sample* m, const Sample* d, 
 KRF_TARGET_AVX2 void median_3x3_row_avx2(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
     median_3x3_row<32>(u, m, d, o, n);
 }
-#if KRF_X86
-#define KRF_AVX512_INLINE __attribute__((target("avx512bw"), always_inline)) inline
-using V512 = lanes::Vector<64>::type;
-struct SortedColumns512 {
-    V512 lo, md, hi;
-};
+// Lanes Shift ... Shift + count - 1 of the lanes of `here` followed by those
+// of `next`. Written as a generic shuffle, so that it compiles for whatever
+// width the caller's target has (a two-register word permute on AVX-512).
+template <int Shift, class V, std::size_t... I>
+KRF_ALWAYS_INLINE V lanes_from(const V& here, const V& next, std::index_sequence<I...>) {
+#if defined(__clang__)
+    return __builtin_shufflevector(here, next, (static_cast<int>(I) + Shift)...);
+#else
+    return __builtin_shuffle(here, next, V{static_cast<Sample>(I + Shift)...});
+#endif
+}
+
 // The three rows' samples from column `at` on, sorted column by column.
-KRF_AVX512_INLINE SortedColumns512 sorted_columns_512(const Sample* u, const Sample* m, const Sample* d, int at) {
-    SortedColumns512 c{lanes::load<V512>(u + at), lanes::load<V512>(m + at), lanes::load<V512>(d + at)};
-    sort3(c.lo, c.md, c.hi);
-    return c;
-}
-// Lanes `index` of the 64 lanes of (here, next).
-KRF_AVX512_INLINE V512 shifted_512(const V512& here, const V512& next, __m512i index) {
-    return reinterpret_cast<V512>(
-        _mm512_permutex2var_epi16(reinterpret_cast<__m512i>(here), index, reinterpret_cast<__m512i>(next)));
-}
+template <class V>
+struct SortedColumns {
+    V lo, md, hi;
+    KRF_ALWAYS_INLINE SortedColumns(const Sample* u, const Sample* m, const Sample* d, int at)
+        : lo(load<V>(u + at)), md(load<V>(m + at)), hi(load<V>(d + at)) {
+        sort3(lo, md, hi);
+    }
+};
 
 // With 32 lanes the nine loads and thirty min/max operations per vector are
 // the cost, so each column of three is sorted once and handed to its two
-// neighbouring windows by a two-register permute instead of being loaded and
-// sorted again. The loop stops where the next vector of columns would pass
-// the row's end; the rest goes through the plain kernel.
-KRF_TARGET_AVX512BW void median_3x3_row_avx512(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
-    constexpr int lanes_per_vector = lanes::Vector<64>::count;
-    alignas(64) static constexpr std::int16_t one_on[32] = {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11,
-                                                             12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22,
-                                                             23, 24, 25, 26, 27, 28, 29, 30, 31, 32};
-    alignas(64) static constexpr std::int16_t two_on[32] = {2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12,
-                                                             13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23,
-                                                             24, 25, 26, 27, 28, 29, 30, 31, 32, 33};
-    const __m512i next1 = _mm512_load_si512(one_on), next2 = _mm512_load_si512(two_on);
-    // Block i needs columns i - 1 … i + 62 of the outputs' numbering, and
-    // column n is the last one the row has (the right border).
+// neighbouring windows by a shuffle of two registers instead of being loaded
+// and sorted again. The loop stops where the next vector of columns would
+// pass the row's end; the rest goes through the plain kernel.
+template <int Bytes>
+KRF_ALWAYS_INLINE void median_3x3_row_shared(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
+    using V = typename lanes::Vector<Bytes>::type;
+    constexpr int kLanes = lanes::Vector<Bytes>::count;
+    constexpr auto each_lane = std::make_index_sequence<kLanes>{};
+    // Block i needs columns i - 1 … i + 2·kLanes - 2 of the outputs'
+    // numbering, and column n is the last one the row has (the right border).
     int i = 0;
-    if (2 * lanes_per_vector - 1 <= n) {
-        SortedColumns512 here = sorted_columns_512(u, m, d, -1);
-        for (; i + 2 * lanes_per_vector - 1 <= n; i += lanes_per_vector) {
-            const SortedColumns512 next = sorted_columns_512(u, m, d, i + lanes_per_vector - 1);
-            const V512 lo1 = shifted_512(here.lo, next.lo, next1), lo2 = shifted_512(here.lo, next.lo, next2);
-            const V512 md1 = shifted_512(here.md, next.md, next1), md2 = shifted_512(here.md, next.md, next2);
-            const V512 hi1 = shifted_512(here.hi, next.hi, next1), hi2 = shifted_512(here.hi, next.hi, next2);
-            const V512 middle = median3(here.md, md1, md2);
-            lanes::store(o + i, median3(vmax(vmax(here.lo, lo1), lo2), middle, vmin(vmin(here.hi, hi1), hi2)));
+    if (2 * kLanes - 1 <= n) {
+        SortedColumns<V> here(u, m, d, -1);
+        for (; i + 2 * kLanes - 1 <= n; i += kLanes) {
+            const SortedColumns<V> next(u, m, d, i + kLanes - 1);
+            const V lo1 = lanes_from<1>(here.lo, next.lo, each_lane), lo2 = lanes_from<2>(here.lo, next.lo, each_lane);
+            const V md1 = lanes_from<1>(here.md, next.md, each_lane), md2 = lanes_from<2>(here.md, next.md, each_lane);
+            const V hi1 = lanes_from<1>(here.hi, next.hi, each_lane), hi2 = lanes_from<2>(here.hi, next.hi, each_lane);
+            const V middle = median3(here.md, md1, md2);
+            store(o + i, median3(vmax(vmax(here.lo, lo1), lo2), middle, vmin(vmin(here.hi, hi1), hi2)));
             here = next;
         }
     }
-    if (i < n) median_3x3_row<64>(u + i, m + i, d + i, o + i, n - i);
+    if (i < n) median_3x3_row<Bytes>(u + i, m + i, d + i, o + i, n - i);
 }
-#undef KRF_AVX512_INLINE
-#else
+
 KRF_TARGET_AVX512BW void median_3x3_row_avx512(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
-    median_3x3_row<64>(u, m, d, o, n);
+    median_3x3_row_shared<64>(u, m, d, o, n);
 }
-#endif
 
 // ---------------------------------------------------------------------------
 // 5 × 5: each window column is sorted once (shared by the five windows that
