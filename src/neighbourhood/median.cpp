@@ -49,10 +49,12 @@ void copy_samples(Sample* dst, const Sample* src, std::int64_t count) {
 // ---------------------------------------------------------------------------
 // 3 × 3: sort the three samples of each window column, then the median of
 // the nine is the median of (largest minimum, median of medians, smallest
-// maximum). The portable and AVX2 kernels redo the three column sorts in
-// registers for every vector of outputs: sharing them through a buffer, or
-// between two output rows, measured slower. The AVX-512 kernel shares them
-// between neighbouring windows with shuffles, which measured faster (below).
+// maximum). The AVX2 and AVX-512 kernels sort each column once and hand it to
+// the neighbouring windows with shuffles of two registers (below); the
+// portable kernel redoes the three column sorts for every vector of outputs,
+// since SSE2 has no such shuffle and its emulation measured twice as slow.
+// Sharing the sorts through a buffer, or between two output rows, measured
+// slower on every width.
 
 template <class V>
 KRF_ALWAYS_INLINE V median_3x3_at(const Sample* up, const Sample* mid, const Sample* down) {
@@ -76,13 +78,6 @@ KRF_ALWAYS_INLINE void median_3x3_row(const Sample* up, const Sample* mid, const
         [&](int i) KRF_INLINE_LAMBDA { out[i] = median_3x3_at<Sample>(up + i, mid + i, down + i); });
 }
 
-using Row3Kernel = void (*)(const Sample*, const Sample*, const Sample*, Sample*, int);
-void median_3x3_row_portable(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
-    median_3x3_row<16>(u, m, d, o, n);
-}
-KRF_TARGET_AVX2 void median_3x3_row_avx2(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
-    median_3x3_row<32>(u, m, d, o, n);
-}
 // Lanes Shift ... Shift + count - 1 of the lanes of `here` followed by those
 // of `next`. Written as a generic shuffle, so that it compiles for whatever
 // width the caller's target has (a two-register word permute on AVX-512).
@@ -105,8 +100,8 @@ struct SortedColumns {
     }
 };
 
-// With 32 lanes the nine loads and thirty min/max operations per vector are
-// the cost, so each column of three is sorted once and handed to its two
+// With 16 or 32 lanes the nine loads and thirty min/max operations per vector
+// are the cost, so each column of three is sorted once and handed to its two
 // neighbouring windows by a shuffle of two registers instead of being loaded
 // and sorted again. The loop stops where the next vector of columns would
 // pass the row's end; the rest goes through the plain kernel.
@@ -133,6 +128,13 @@ KRF_ALWAYS_INLINE void median_3x3_row_shared(const Sample* u, const Sample* m, c
     if (i < n) median_3x3_row<Bytes>(u + i, m + i, d + i, o + i, n - i);
 }
 
+using Row3Kernel = void (*)(const Sample*, const Sample*, const Sample*, Sample*, int);
+void median_3x3_row_portable(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
+    median_3x3_row<16>(u, m, d, o, n);
+}
+KRF_TARGET_AVX2 void median_3x3_row_avx2(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
+    median_3x3_row_shared<32>(u, m, d, o, n);
+}
 KRF_TARGET_AVX512BW void median_3x3_row_avx512(const Sample* u, const Sample* m, const Sample* d, Sample* o, int n) {
     median_3x3_row_shared<64>(u, m, d, o, n);
 }
