@@ -100,8 +100,14 @@ KRF_AVX2_INLINE __m128i update4(__m256d south, __m256d north, __m256d east, __m2
     return _mm256_cvttpd_epi32(_mm256_add_pd(_mm256_mul_pd(sum, lambda), _mm256_cvtepi32_pd(u)));
 }
 
-KRF_TARGET_AVX2 bool diffuse_row_pair_avx2_changed(const DiffusionRows& in, Sample* out_top, Sample* out_bottom,
-                                                   int first, int last, const double* flux, double lambda) {
+// With `carried_south`, the south fluxes of the lower row are kept there for
+// the next pair, and with north_carried the upper row's north fluxes are
+// read back from there, negated: four look-ups for eight samples instead of
+// five, as in the AVX-512 kernel.
+template <bool north_carried, bool keep_south>
+KRF_TARGET_AVX2 bool diffuse_row_pair_avx2_carrying(const DiffusionRows& in, Sample* out_top, Sample* out_bottom,
+                                                    int first, int last, const double* flux, double lambda,
+                                                    double* carried_south) {
     const __m256d lambda_v = _mm256_set1_pd(lambda);
     const __m256d sign = _mm256_set1_pd(-0.0);
     // Lane 3 of the "previous" east flux is the east flux of column first - 1.
@@ -113,7 +119,8 @@ KRF_TARGET_AVX2 bool diffuse_row_pair_avx2_changed(const DiffusionRows& in, Samp
         const __m128i top = four_samples(in.top + c);
         const __m128i bottom = four_samples(in.bottom + c);
         const __m256d between = lookup(flux, bottom, top);  // south of the top row
-        const __m256d north_top = lookup(flux, four_samples(in.up + c), top);
+        const __m256d north_top = north_carried ? _mm256_xor_pd(_mm256_loadu_pd(carried_south + c), sign)
+                                                : lookup(flux, four_samples(in.up + c), top);
         const __m256d south_bottom = lookup(flux, four_samples(in.down + c), bottom);
         const __m256d east_top = lookup(flux, four_samples(in.top + c + 1), top);
         const __m256d east_bottom = lookup(flux, four_samples(in.bottom + c + 1), bottom);
@@ -121,6 +128,7 @@ KRF_TARGET_AVX2 bool diffuse_row_pair_avx2_changed(const DiffusionRows& in, Samp
         const __m256d west_bottom = _mm256_xor_pd(shifted_east(east_bottom_before, east_bottom), sign);
         east_top_before = east_top;
         east_bottom_before = east_bottom;
+        if (keep_south) _mm256_storeu_pd(carried_south + c, south_bottom);
         const __m128i new_top = update4(between, north_top, east_top, west_top, top, lambda_v);
         const __m128i new_bottom =
             update4(south_bottom, _mm256_xor_pd(between, sign), east_bottom, west_bottom, bottom, lambda_v);
@@ -137,6 +145,11 @@ KRF_TARGET_AVX2 bool diffuse_row_pair_avx2_changed(const DiffusionRows& in, Samp
     return tail_changed || !_mm_testz_si128(changed, changed);
 }
 
+KRF_TARGET_AVX2 bool diffuse_row_pair_avx2_changed(const DiffusionRows& in, Sample* out_top, Sample* out_bottom,
+                                                   int first, int last, const double* flux, double lambda) {
+    return diffuse_row_pair_avx2_carrying<false, false>(in, out_top, out_bottom, first, last, flux, lambda, nullptr);
+}
+
 KRF_TARGET_AVX2 bool diffusion_pass_avx2(Rows from, Rows to, int height, int width, const double* flux, double lambda) {
     bool changed = false;
     int r = 1;
@@ -150,8 +163,12 @@ KRF_TARGET_AVX2 bool diffusion_pass_avx2(Rows from, Rows to, int height, int wid
 }
 
 KRF_TARGET_AVX2 void diffuse_row_pair_avx2(const DiffusionRows& in, Sample* out_top, Sample* out_bottom, int first,
-                                           int last, const double* flux, double lambda, CarriedFlux) {
-    diffuse_row_pair_avx2_changed(in, out_top, out_bottom, first, last, flux, lambda);
+                                           int last, const double* flux, double lambda, CarriedFlux carried) {
+    if (carried.filled) {
+        diffuse_row_pair_avx2_carrying<true, true>(in, out_top, out_bottom, first, last, flux, lambda, carried.south);
+    } else {
+        diffuse_row_pair_avx2_carrying<false, true>(in, out_top, out_bottom, first, last, flux, lambda, carried.south);
+    }
 }
 
 #define KRF_AVX512_INLINE __attribute__((target("avx512bw,avx512vl,avx512dq"), always_inline)) inline
@@ -208,18 +225,8 @@ KRF_AVX512_INLINE bool all_near(__m256i a, __m256i b, __m256i c, __m256i d, __m2
 // Eight flux entries of any differences; scalar loads, as in lookup4, beat the
 // gather instruction.
 KRF_AVX512_INLINE __m512d lookup8(const double* flux, __m256i difference) {
-    // Two indexes per 64-bit extraction: the low one sign-extended, the high
-    // one shifted down arithmetically.
-    const __m128i low_half = _mm256_castsi256_si128(difference);
-    const __m128i high_half = _mm256_extracti128_si256(difference, 1);
-    const std::int64_t i01 = _mm_cvtsi128_si64(low_half), i23 = _mm_extract_epi64(low_half, 1);
-    const std::int64_t i45 = _mm_cvtsi128_si64(high_half), i67 = _mm_extract_epi64(high_half, 1);
-    const auto pair = [flux](std::int64_t two) KRF_INLINE_LAMBDA {
-        return _mm_loadh_pd(_mm_load_sd(flux + static_cast<std::int32_t>(two)), flux + (two >> 32));
-    };
-    const __m128d p01 = pair(i01), p23 = pair(i23), p45 = pair(i45), p67 = pair(i67);
-    const __m256d low = _mm256_insertf128_pd(_mm256_castpd128_pd256(p01), p23, 1);
-    const __m256d high = _mm256_insertf128_pd(_mm256_castpd128_pd256(p45), p67, 1);
+    const __m256d low = simd::lookup4(flux, _mm256_castsi256_si128(difference));
+    const __m256d high = simd::lookup4(flux, _mm256_extracti128_si256(difference, 1));
     return _mm512_insertf64x4(_mm512_castpd256_pd512(low), high, 1);
 }
 

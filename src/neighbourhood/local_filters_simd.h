@@ -37,10 +37,11 @@ KRF_AVX2_INLINE __m256i join(__m128i low, __m128i high) { return _mm256_set_m128
 // instruction here: gathers are slow on the AMD processors this library
 // mostly runs on.
 KRF_AVX2_INLINE __m256d lookup4(const double* table, __m128i index) {
-    alignas(16) std::int32_t i[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(i), index);
-    const __m128d low = _mm_loadh_pd(_mm_load_sd(table + i[0]), table + i[1]);
-    const __m128d high = _mm_loadh_pd(_mm_load_sd(table + i[2]), table + i[3]);
+    // Two indexes per 64-bit extraction: the low one sign-extended, the high
+    // one shifted down arithmetically.
+    const std::int64_t i01 = _mm_cvtsi128_si64(index), i23 = _mm_extract_epi64(index, 1);
+    const __m128d low = _mm_loadh_pd(_mm_load_sd(table + static_cast<std::int32_t>(i01)), table + (i01 >> 32));
+    const __m128d high = _mm_loadh_pd(_mm_load_sd(table + static_cast<std::int32_t>(i23)), table + (i23 >> 32));
     return _mm256_insertf128_pd(_mm256_castpd128_pd256(low), high, 1);
 }
 
