@@ -697,18 +697,11 @@ int median_large(Rows src, Rows dst, int height, int width, int n, MedianIsa isa
         else
             bucketed_median_portable(src, scratch.rows(), height, width, h, darkest, counts);
     } else {
-        // Counts reach n·n, which fits 16 bits up to n = 255 and 32 bits up
-        // to n = 65535. The narrowest counters that hold them are taken: on
-        // 16-bit noise every update misses L1 in the table, and half the
-        // table measured 8 % faster at 31 × 31 (1,072 against 981 ms).
-        const int count_bytes = n <= 255 ? 2 : n <= 65535 ? 4 : 8;
-        ScratchArray<std::uint16_t> short_counts;
+        // Counts reach n·n, which fits 32 bits up to n = 65535.
+        const bool wide_counts = n > 65535;
         ScratchArray<std::uint32_t> narrow;
         ScratchArray<std::uint64_t> wide;
-        const bool allocated = count_bytes == 2   ? short_counts.allocate(kLevels + kBlocks)
-                               : count_bytes == 4 ? narrow.allocate(kLevels + kBlocks)
-                                                  : wide.allocate(kLevels + kBlocks);
-        if (!allocated) return kNoBuffer;
+        if (!(wide_counts ? wide.allocate(kLevels + kBlocks) : narrow.allocate(kLevels + kBlocks))) return kNoBuffer;
         if (const int code = scratch.allocate(height, width); code != 0) return code;
         if (!window_fits) {
             copy_median_frame(src, dst, height, width, h);
@@ -722,13 +715,13 @@ int median_large(Rows src, Rows dst, int height, int width, int n, MedianIsa isa
         // slower, so those keep the plain walk).
         const std::int64_t samples = static_cast<std::int64_t>(n) * n;
         const bool blocks = brightest - darkest > kLevelsPerSampleForBlocks * samples;
-        const auto slide = [&]<class Count>(Count* counts) {
-            if (blocks) sliding_median<Count, true>(src, scratch.rows(), height, width, h, counts);
-            else sliding_median<Count, false>(src, scratch.rows(), height, width, h, counts);
-        };
-        if (count_bytes == 2) slide(short_counts.get());
-        else if (count_bytes == 4) slide(narrow.get());
-        else slide(wide.get());
+        if (wide_counts) {
+            if (blocks) sliding_median<std::uint64_t, true>(src, scratch.rows(), height, width, h, wide.get());
+            else sliding_median<std::uint64_t, false>(src, scratch.rows(), height, width, h, wide.get());
+        } else {
+            if (blocks) sliding_median<std::uint32_t, true>(src, scratch.rows(), height, width, h, narrow.get());
+            else sliding_median<std::uint32_t, false>(src, scratch.rows(), height, width, h, narrow.get());
+        }
     }
     for (int r = h; r < height - h; ++r) copy_samples(dst[r] + h, scratch[r] + h, width - 2 * h);
     copy_median_frame(src, dst, height, width, h);
