@@ -8,7 +8,6 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -537,7 +536,8 @@ int switching_median(Rows src, Rows dst, int height, int width, int white, SmfSe
     const double percent =
         static_cast<double>(replaced) / static_cast<double>(static_cast<std::int64_t>(height) * width) * 100.0;
     if (!(percent < settings.maxReplacedPercent)) return kSmfRefused;
-    for (int r = 0; r < height; ++r) select_row(median[r], src[r], dst[r], width, replaced_bits.get() + r * words_per_row);
+    for (int r = 0; r < height; ++r)
+        select_row(median[r], src[r], dst[r], width, replaced_bits.get() + r * words_per_row);
     return 0;
 }
 
